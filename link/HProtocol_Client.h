@@ -1,0 +1,163 @@
+#ifndef HPROTOCOL_CLIENT_H
+#define HPROTOCOL_CLIENT_H
+
+#include <QtGlobal>
+#include <QList>
+
+// Frame builders and reply parser of the controller protocol. The owner
+// supplies the send and receive buffers (kBufferSize bytes each), sends the
+// built frame and hands the reply back to parse(). This is the only place
+// that knows byte offsets; everything above calls builders and handlers.
+class HProtocol_Client
+{
+public:
+    // Sizes and limits of the protocol, in one place.
+    enum : int {
+        kBufferSize = 500,        // send/receive buffers; replies of this size or more are not parsed
+        kPort = 60000,
+        kMaxNameLen = 100,        // file and program names
+        kMaxTextLen = 481,        // 'd' text from a terminated string
+        kEmptyTextLen = 480,      // a text of exactly this length builds nothing
+        kMaxChannel = 99,
+        kMaxAddressOffset = 169999,
+        kMaxAddress = 9999999
+    };
+
+    // Link modes.
+    enum LinkMode : int { TcpMode = 0, SerialMode = 1 };
+
+    // Reply-parser results.
+    enum ParseResult : int {
+        ParseOk = 0,
+        ParseReadError = 1,       // error reply to 'B'
+        ParseWriteError = 2,      // error reply to 'D'
+        ParseFileError = 3,       // error reply to 'd'
+        ParseProgramError = 4,    // error reply to 'f'
+        ParseUnknown = 5,         // too short, unknown letter, unknown 'd' sub
+        ParseCrcError = 6,
+        ParseBufferBusy = 7,      // 'd' sub 5 with state 1
+        ParseBufferDenied = 8     // 'd' sub 5 with state 2
+    };
+
+    // The eleven reply callbacks. When one is set, the parser calls it
+    // instead of the virtual handler of that reply kind.
+    typedef void (*ReadVarsCallback)(int error, const qint32 *values, int count);
+    typedef void (*StateCallback)(int state);
+
+    // Static helpers, pure.
+    static bool isValidAddress(qint32 address);
+    static quint16 crc16(const quint8 *data, int length);
+
+    explicit HProtocol_Client(quint8 *sendBuffer = nullptr, quint8 *recvBuffer = nullptr, int linkMode = TcpMode);
+    virtual ~HProtocol_Client();
+
+    void setBuffers(quint8 *sendBuffer, quint8 *recvBuffer);
+    quint8 *sendBuffer() const { return m_sendBuffer; }
+    quint8 *recvBuffer() const { return m_recvBuffer; }
+
+    int linkMode() const { return m_linkMode; }
+    int maxChannel() const { return m_maxChannel; }
+    int maxAddressOffset() const { return m_maxAddressOffset; }
+    int maxFrameLength() const { return m_maxFrameLength; }
+    int maxRdVar() const { return m_maxRdVar; }
+    int maxWrVar() const { return m_maxWrVar; }
+    int headerLength() const { return m_headerLength; }
+    bool bigEndian() const { return m_bigEndian; }
+    void setBigEndian(bool on) { m_bigEndian = on; }
+    int replyState() const { return m_replyState; }
+
+    // ---- Builders: each writes a whole frame into the send buffer and
+    // returns its length, or 0 when it refuses its arguments.
+
+    // 'B' read variables: a range, an array, a list.
+    int buildReadVars(qint32 firstAddress, int count);
+    int buildReadVars(const qint32 *addresses, int count);
+    int buildReadVars(const QList<qint32> &addresses);
+    // 'D' write variables: count pairs.
+    int buildWriteVars(const qint32 *addresses, const qint32 *values, int count);
+    // 'd' sub 1 (set file information) or sub 6 when ask is set (query state).
+    int buildSetFileInf(quint8 channel, int type, const char *fileName, bool ask = false);
+    // 'd' sub 2 / 3 from a terminated string.
+    int buildAppendTxt(const char *text);
+    int buildOverWriteTxt(const char *text);
+    // 'd' sub 2 / 3 from an explicit length.
+    int buildAppendTxt(const char *text, int length);
+    int buildOverWriteTxt(const char *text, int length);
+    // 'd' sub 4 and sub 5 (the latter busy-waits 50 ms after building).
+    int buildFileEnd();
+    int buildRequestSendNext();
+    // 'c' sub 1, 2, 3.
+    int buildOpenReadFile(const char *fileName);
+    int buildReadFile();
+    int buildCloseReadFile();
+    // 'f' sub 3 (reset), sub 4 (cycle start), sub 5 (parameter + raw bytes).
+    int buildReset(quint8 parameter);
+    int buildCycStart(quint8 channel, const char *fileName);
+    int buildF5(quint8 parameter, const char *data, int length);
+    // 'g' with selector 0..5 sent as 1, 2, 3, 4, 5, 0x90.
+    int buildGetStr(int selector, const char *name);
+    // 'i' sub 1, 2, 3.
+    int buildSetOscAxis(qint32 a, qint32 b, qint32 c);
+    int buildSetOscTransEn(qint32 enable);
+    int buildGetOscPoint(qint32 selector, qint32 count);
+    // 'p' watchdog probe.
+    int buildWatchdog();
+
+    // ---- Parser: the reply of `length` bytes in the receive buffer.
+    int parse(int length);
+
+    // ---- Callbacks (null at construction).
+    ReadVarsCallback readVarsCallback = nullptr;       // 'B'
+    StateCallback writeVarsCallback = nullptr;         // 'D'
+    StateCallback resetCallback = nullptr;             // 'f' 3
+    StateCallback cycStartCallback = nullptr;          // 'f' 4
+    StateCallback setFileInfCallback = nullptr;        // 'd' 1
+    StateCallback appendTxtCallback = nullptr;         // 'd' 2
+    StateCallback overWriteTxtCallback = nullptr;      // 'd' 3
+    StateCallback fileEndCallback = nullptr;           // 'd' 4
+    StateCallback requestSendNextCallback = nullptr;   // 'd' 5
+    StateCallback fileTransStateCallback = nullptr;    // 'd' 6
+    StateCallback watchdogCallback = nullptr;          // 'p'
+
+protected:
+    // ---- Reply handlers, empty by default; owners override what they use.
+    virtual void onRecCmdReadVars(int error, const qint32 *values, int count);
+    virtual void onRecCmdWriteVars(int error);
+    virtual void onRecCmdReset(int state);
+    virtual void onRecCmdCycStart(int state);
+    virtual void onRecCmdF5(int state);
+    virtual void onReciveCmdSetFileInf(int state);
+    virtual void onReciveCmdAppendTxt(int state);
+    virtual void onReciveCmdOverWriteTxt(int state);
+    virtual void onReciveCmdFileEnd(int state);
+    virtual void onReciveCmdRequestSendNext(int state);
+    virtual void onReciveCmdGetFileTransState(int state);
+    virtual void onRecCmdOpenReadFile(int state);
+    // data: the bytes of the reply from the count byte on; size: whole reply length.
+    virtual void onRecCmdReadFile(const quint8 *data, int size);
+    virtual void onRecCmdCloseReadFile(int state);
+    // 'g': sub 1..5 handed on as selector 0..4, 0xF0 as selector 5;
+    // text is the payload from the byte after the sub byte.
+    virtual void onRecCmdGetStr(int selector, const char *text, int length);
+    virtual void onRecCmdSetOscAxis(int state);
+    virtual void onRecCmdSetOscTransEn(int state);
+    virtual void onRecCmdGetOscPoint(int state, const qint32 *points, int count);
+    virtual void onRecCmdWatchdog(int state);
+    virtual void onRecUnknownCmd(int letter);
+
+private:
+    // (field order as the protocol layer has always laid it out)
+    quint8 *m_sendBuffer;
+    quint8 *m_recvBuffer;
+    int m_linkMode;
+    int m_maxChannel;
+    int m_maxAddressOffset;
+    int m_maxFrameLength;
+    int m_maxRdVar;
+    int m_maxWrVar;
+    bool m_bigEndian;
+    int m_headerLength;
+    int m_replyState;
+};
+
+#endif

@@ -1,0 +1,65 @@
+#!/usr/bin/env bash
+# One entry point for a fresh Debian 12 machine (run as root, or with sudo
+# available): installs what is missing, configures, builds, then runs.
+#   scripts/velmora.sh demo   - build and run the main job (simulator on loopback)
+#   scripts/velmora.sh test   - build and run the whole test suite
+#   scripts/velmora.sh fuzz   - sanitizer build of the fuzz targets, 30 s each
+#   scripts/velmora.sh setup  - only install packages, configure and build
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$(pwd)
+build=${VELMORA_BUILD_DIR:-$root/build}
+jobs=$(nproc)
+
+packages=(build-essential cmake ninja-build ccache qtbase5-dev qtbase5-dev-tools
+          libqt5network5 fonts-wqy-microhei clang libclang-rt-14-dev)
+
+install_missing() {
+  local missing=()
+  for p in "${packages[@]}"; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+  done
+  if [ ${#missing[@]} -gt 0 ]; then
+    local sudo=""
+    [ "$(id -u)" -eq 0 ] || sudo="sudo"
+    echo "Installing: ${missing[*]}"
+    $sudo apt-get update
+    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y "${missing[@]}"
+  fi
+}
+
+configure_and_build() {
+  local dir=$1; shift
+  cmake -S "$root" -B "$dir" -G Ninja "$@"
+  cmake --build "$dir" -j "$jobs"
+}
+
+install_missing
+export CCACHE_DIR=${CCACHE_DIR:-$root/.ccache}
+case "${1:-demo}" in
+  setup)
+    configure_and_build "$build" ;;
+  demo)
+    configure_and_build "$build"
+    shift || true
+    exec "$root/scripts/demo.sh" "$build" "$@" ;;
+  test)
+    configure_and_build "$build"
+    cd "$build"
+    ctest --output-on-failure -j "$jobs" ;;
+  fuzz)
+    fb=${VELMORA_FUZZ_BUILD_DIR:-$root/build-fuzz}
+    CC=clang CXX=clang++ configure_and_build "$fb" -DVELMORA_FUZZ=ON -DVELMORA_SANITIZE=ON -DVELMORA_TESTS=OFF
+    for f in "$fb"/fuzz/fuzz_*; do
+      [ -x "$f" ] || continue
+      name=$(basename "$f")
+      corpus="$root/fuzz/corpus/${name#fuzz_}"
+      work=$(mktemp -d)
+      [ -d "$corpus" ] && cp -r "$corpus"/. "$work"/
+      echo "== $name (30 s)"
+      "$f" -max_total_time=30 -print_final_stats=1 "$work"
+      rm -rf "$work"
+    done ;;
+  *)
+    echo "usage: $0 demo|test|fuzz|setup" >&2; exit 2 ;;
+esac
