@@ -35,7 +35,6 @@ configure_and_build() {
 }
 
 install_missing
-export CCACHE_DIR=${CCACHE_DIR:-$root/.ccache}
 case "${1:-demo}" in
   setup)
     configure_and_build "$build" ;;
