@@ -104,6 +104,16 @@ public:
     int buildWatchdog();
 
     // ---- Parser: the reply of `length` bytes in the receive buffer.
+    // Byte offsets below count from the letter. Reply layouts:
+    //   'B'  count at 1, 32-bit values from 2 (fewer present than counted:
+    //        only the complete ones are handed on)
+    //   'f'  sub at 1, echo of the request's byte at 2, state at 3
+    //   'c'  sub at 1, state (open, close) or count (data) at 2
+    //   'd'  sub at 1, state at 4 (subs 1, 6) or 2 (subs 2, 3, 5)
+    //   'g'  sub at 1, text from 2 to the end
+    //   'i'  sub at 1, state at 2, point count at 3, points from 4
+    //   'p'  state at 1
+    // A state byte that a reply needs but lacks makes it too short (5).
     int parse(int length);
 
     // ---- Callbacks (null at construction).
@@ -146,6 +156,28 @@ protected:
     virtual void onRecUnknownCmd(int letter);
 
 private:
+    // The PDU of a received reply: from the letter to the end of the bytes
+    // received (the serial CRC excluded).
+    struct Pdu {
+        const quint8 *data;
+        int size;
+    };
+
+    int finishFrame(int end, bool overflow);
+    int buildSimple(quint8 letter, quint8 sub);
+    int buildText(quint8 sub, const char *text, int length);
+    int buildTerminatedText(quint8 sub, const char *text);
+
+    static bool pduByte(const Pdu &pdu, int index, int *value);
+    qint32 pduInt32(const Pdu &pdu, int index) const;
+    int pduValues(const Pdu &pdu, int countIndex, qint32 *values) const;
+    void notify(StateCallback callback, void (HProtocol_Client::*handler)(int), int state);
+    int parseProgram(const Pdu &pdu);
+    int parseReadFile(const Pdu &pdu, int length);
+    int parseFile(const Pdu &pdu);
+    int parseGetStr(const Pdu &pdu);
+    int parseOsc(const Pdu &pdu, qint32 *values);
+
     // (field order as the protocol layer has always laid it out)
     quint8 *m_sendBuffer;
     quint8 *m_recvBuffer;
