@@ -1,0 +1,374 @@
+#include "HRemoteBuffer.h"
+
+#include <QCoreApplication>
+#include <QSet>
+#include <QTcpSocket>
+
+#include <algorithm>
+#include <cstring>
+#include <thread>
+
+namespace {
+
+// Never destroyed: a reaper may still be finishing a buffer while the
+// process runs its static destructors.
+QSet<HRemoteBuffer *> &handleTable()
+{
+    static QSet<HRemoteBuffer *> *table = new QSet<HRemoteBuffer *>;
+    return *table;
+}
+
+} // namespace
+
+QMutex &HRemoteBuffer::handleLock()
+{
+    static QMutex *lock = new QMutex;
+    return *lock;
+}
+
+HRemoteBuffer *HRemoteBuffer::lookup(void *handle)
+{
+    HRemoteBuffer *buffer = static_cast<HRemoteBuffer *>(handle);
+    return buffer && handleTable().contains(buffer) ? buffer : nullptr;
+}
+
+int HRemoteBuffer::liveCount()
+{
+    QMutexLocker lock(&handleLock());
+    return handleTable().size();
+}
+
+HRemoteBuffer *HRemoteBuffer::open(const char *address, unsigned mode, unsigned channel)
+{
+    if (!address || mode > DncMode || channel < 1 || channel > unsigned(kMaxChannel))
+        return nullptr;
+    HRemoteBuffer *buffer = new HRemoteBuffer(QByteArray(address), int(mode), int(channel));
+    {
+        QMutexLocker lock(&handleLock());
+        handleTable().insert(buffer);
+    }
+    buffer->start();
+    return buffer;
+}
+
+HRemoteBuffer::HRemoteBuffer(const QByteArray &address, int mode, int channel)
+    : m_address(address), m_mode(mode), m_channel(channel)
+{
+    std::memset(m_tx, 0, sizeof m_tx);
+    std::memset(m_rx, 0, sizeof m_rx);
+    std::memset(m_hostTx, 0, sizeof m_hostTx);
+    setBuffers(m_tx, m_rx);
+    m_hostBuilder.setBuffers(m_hostTx, nullptr);
+}
+
+HRemoteBuffer::~HRemoteBuffer()
+{
+    // Out of the table first: a C call holding the table's lock finishes
+    // with this object before it goes.
+    {
+        QMutexLocker lock(&handleLock());
+        handleTable().remove(this);
+    }
+    m_stop = true;
+    wait();
+}
+
+int HRemoteBuffer::close(void *handle)
+{
+    HRemoteBuffer *buffer = nullptr;
+    {
+        QMutexLocker lock(&handleLock());
+        buffer = lookup(handle);
+        if (!buffer)
+            return 0;
+        if (buffer->m_closing)
+            return 1;   // already on its way out
+        buffer->m_closing = true;
+        buffer->m_state = StateClosed;
+        buffer->m_stop = true;
+    }
+    // Only this call schedules the deletion, so the object stays valid here.
+    buffer->wait(kCloseWaitMs);
+    buffer->scheduleDeletion();
+    return 1;
+}
+
+void HRemoteBuffer::scheduleDeletion()
+{
+    // The thread sleeps 200 ms before it disconnects, so it is normally
+    // still running after the 100 ms close wait. The object is deleted once
+    // the thread has ended: through its home thread's event loop when that
+    // thread runs one, else directly (a host without QCoreApplication would
+    // never process a deleteLater and keep the object and its thread).
+    QCoreApplication *app = QCoreApplication::instance();
+    QThread *home = thread();
+    const bool homeLoops = (app && home == app->thread())
+        || (home == QThread::currentThread() && home->loopLevel() > 0);
+    auto finish = [this, homeLoops] {
+        wait();
+        if (homeLoops)
+            deleteLater();
+        else
+            delete this;
+    };
+    if (isFinished())
+        finish();
+    else
+        std::thread(finish).detach();
+}
+
+const char *HRemoteBuffer::fileName() const
+{
+    return m_mode == MdiMode ? "MDI" : "DNC";
+}
+
+int HRemoteBuffer::fileType() const
+{
+    return m_mode == MdiMode ? 0 : 1;
+}
+
+void HRemoteBuffer::setState(int state)
+{
+    if (!m_stop)
+        m_state = state;
+}
+
+void HRemoteBuffer::setStateInfo(const QByteArray &text)
+{
+    QMutexLocker lock(&m_infoLock);
+    if (m_stateInfo != text)
+        m_stateInfo = text;
+}
+
+char *HRemoteBuffer::stateInfo()
+{
+    QMutexLocker lock(&m_infoLock);
+    // Replace the host's copy only when the text changed, so a pointer
+    // handed out earlier stays valid while the text stays the same.
+    if (m_stateInfoOut.isNull() || m_stateInfoOut != m_stateInfo) {
+        m_stateInfoOut = m_stateInfo;
+        m_stateInfoOut.detach();
+    }
+    return m_stateInfoOut.data();
+}
+
+QByteArray HRemoteBuffer::hostFrame(int length) const
+{
+    return QByteArray(reinterpret_cast<const char *>(m_hostTx), std::max(length, 0));
+}
+
+int HRemoteBuffer::write(const char *text)
+{
+    if (!text)
+        return 0;
+    QMutexLocker lock(&m_mutex);
+    const int state = m_state;
+    if (state != StateWorking && state != StateIdle)
+        return 0;
+    if (m_queue.size() > kMaxQueued || m_bytesWritten > kCapacity)
+        return 0;
+    m_state = StateWorking;
+    const QByteArray all(text);
+    if (m_mode == MdiMode)
+        m_bytesWritten += all.size();
+    for (int at = 0; at < all.size(); at += kPieceSize) {
+        // A piece of exactly 480 bytes builds nothing: its entry stays empty
+        // and the thread skips it.
+        const QByteArray piece = all.mid(at, kPieceSize);
+        m_queue.append(hostFrame(m_hostBuilder.buildAppendTxt(piece.constData())));
+    }
+    // Every MDI write is one complete program.
+    if (m_mode == MdiMode)
+        m_queue.append(hostFrame(m_hostBuilder.buildFileEnd()));
+    m_state = m_queue.isEmpty() ? StateIdle : StateWorking;
+    return 1;
+}
+
+int HRemoteBuffer::clear()
+{
+    QMutexLocker lock(&m_mutex);
+    const int state = m_state;
+    if (state != StateWorking && state != StateIdle)
+        return 0;
+    m_queue.clear();
+    m_queue.append(hostFrame(m_hostBuilder.buildSetFileInf(quint8(m_channel), fileType(), fileName())));
+    // Overwriting with no text empties the file.
+    m_queue.append(hostFrame(m_hostBuilder.buildOverWriteTxt("")));
+    m_bytesWritten = 0;
+    return 1;
+}
+
+int HRemoteBuffer::validCount()
+{
+    const int state = m_state;
+    if (state != StateWorking && state != StateIdle)
+        return 0;
+    QMutexLocker lock(&m_mutex);
+    const qint64 room = m_mode == MdiMode
+        ? qint64(kCapacity) - m_bytesWritten
+        : qint64(kMaxQueued - m_queue.size()) * kPieceSize;
+    return int(std::max<qint64>(room, 0));
+}
+
+int HRemoteBuffer::queued()
+{
+    QMutexLocker lock(&m_mutex);
+    return m_queue.size();
+}
+
+qint64 HRemoteBuffer::bytesWritten()
+{
+    QMutexLocker lock(&m_mutex);
+    return m_bytesWritten;
+}
+
+void HRemoteBuffer::run()
+{
+    // The socket belongs to this thread: made, used and destroyed here.
+    QTcpSocket socket;
+    socket.connectToHost(QString::fromLatin1(m_address), quint16(kPort), QIODevice::ReadWrite,
+                         QAbstractSocket::AnyIPProtocol);
+    if (!socket.waitForConnected(kReplyWaitMs)) {
+        m_state = StateClosed;
+        return;
+    }
+    // Set once the native socket exists; an option set before is dropped.
+    socket.setSocketOption(QAbstractSocket::LowDelayOption, 1);
+    m_connected = true;
+    setState(StateAnnounce);
+
+    while (!m_stop) {
+        const int state = m_state;
+        if (state > StateIdle || state == StateClosed)
+            break;
+        if (state == StateWorking || state == StateIdle) {
+            QMutexLocker lock(&m_mutex);
+            if (m_queue.isEmpty()) {
+                setState(StateIdle);
+                lock.unlock();
+                setStateInfo("Command queue is empty.");
+                msleep(kIdleSleepMs);
+                continue;
+            }
+            m_current = m_queue.takeFirst();
+            lock.unlock();
+            if (m_current.isEmpty())
+                continue;   // a 480-byte piece: nothing to send, nothing to wait for
+        } else if (state == StateBusy) {
+            m_current = QByteArray(reinterpret_cast<const char *>(m_tx), buildRequestSendNext());
+        } else if (state == StateAnnounce) {
+            m_current = QByteArray(reinterpret_cast<const char *>(m_tx),
+                                   buildSetFileInf(quint8(m_channel), fileType(), fileName()));
+        } else if (state == StateError && m_current.isEmpty()) {
+            msleep(kIdleSleepMs);
+            continue;
+        }
+
+        m_sending = WaitingReply;
+        socket.write(m_current);
+        socket.flush();
+        // One wait only: a late reply is not waited for again, the loop goes
+        // on with whatever state it has.
+        if (socket.waitForReadyRead(kReplyWaitMs)) {
+            const QByteArray reply = socket.readAll();
+            if (reply.size() >= 1 && reply.size() < kBufferSize) {
+                std::memcpy(m_rx, reply.constData(), size_t(reply.size()));
+                parse(reply.size());
+                m_sending = ReplyHandled;
+            }
+        }
+        // A lost connection would otherwise spin here resending into nothing.
+        if (socket.state() != QAbstractSocket::ConnectedState) {
+            m_state = StateClosed;
+            break;
+        }
+    }
+
+    msleep(kTailSleepMs);
+    socket.disconnectFromHost();
+    m_connected = false;
+    if (m_stop)
+        m_state = StateClosed;
+}
+
+void HRemoteBuffer::onReciveCmdSetFileInf(int state)
+{
+    switch (state) {
+    case 0:
+        setState(StateWorking);
+        setStateInfo("SetFileInf Ok");
+        break;
+    case 1:
+        setState(StateError);
+        setStateInfo("parameters error.");
+        break;
+    case 2:
+        setState(StateAnnounce);
+        setStateInfo("target file is been executing.file transmission denied.");
+        break;
+    default:
+        setState(StateError);
+        setStateInfo("CmdSetFileInf:unknow state. state=" + QByteArray::number(state));
+        break;
+    }
+}
+
+void HRemoteBuffer::onReciveCmdOverWriteTxt(int state)
+{
+    switch (state) {
+    case 0:
+        setState(StateWorking);
+        setStateInfo("OverWriteTxt Ok");
+        break;
+    case 1:
+        setState(StateError);
+        setStateInfo("parameters error.");
+        break;
+    case 2:
+        setState(StateBusy);
+        setStateInfo("Cnc Busy");
+        break;
+    default:
+        break;
+    }
+}
+
+void HRemoteBuffer::onReciveCmdAppendTxt(int state)
+{
+    switch (state) {
+    case 0:
+        setState(StateWorking);
+        setStateInfo("AppendTxt Ok");
+        break;
+    case 1:
+        setState(StateError);
+        setStateInfo("parameters error.");
+        break;
+    case 2:
+        setState(StateBusy);   // the text is left as it was
+        break;
+    default:
+        break;
+    }
+}
+
+void HRemoteBuffer::onReciveCmdFileEnd(int state)
+{
+    if (state == 0) {
+        setState(StateWorking);
+        setStateInfo("fileEnd Ok");
+    } else if (state == 1) {
+        setState(StateError);
+        setStateInfo("parameters error.");
+    }
+}
+
+void HRemoteBuffer::onReciveCmdRequestSendNext(int state)
+{
+    if (state == 0) {
+        setState(StateWorking);
+        setStateInfo("RequestSendNext ok");
+    } else if (state == 1) {
+        setState(StateBusy);
+    }
+}
