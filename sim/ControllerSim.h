@@ -67,6 +67,7 @@
 #include <QList>
 #include <QString>
 #include <QVector>
+#include <functional>
 #include <memory>
 
 class ControllerSimPrivate;
@@ -168,6 +169,9 @@ public:
     QList<QByteArray> requests(char letter) const;
     void clearRequests();
     bool waitForRequests(int n, int timeoutMs) const;
+    void setRecording(bool on);  // off for long benchmark runs
+    // Called on the serving thread with every request frame, under the lock.
+    void setRequestLogger(std::function<void(const QByteArray &)> logger);
 
 private:
     std::unique_ptr<ControllerSimPrivate> d;

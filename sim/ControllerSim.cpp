@@ -1,0 +1,397 @@
+#include "ControllerSim.h"
+#include "ControllerSimPrivate.h"
+#include "SimFrame.h"
+#include "SimServer.h"
+
+#include <QDeadlineTimer>
+#include <QMutexLocker>
+#include <QStringList>
+
+namespace {
+
+// The serving thread owns the server object from birth to death, so every
+// socket and timer is created and destroyed on it.
+class SimThread : public QThread
+{
+public:
+    explicit SimThread(ControllerSimPrivate *d) : d(d) {}
+    bool listening = false;
+    QSemaphore ready;
+
+protected:
+    void run() override
+    {
+        SimServer server(d);
+        listening = server.listen();
+        ready.release();
+        if (listening)
+            exec();
+    }
+
+private:
+    ControllerSimPrivate *d;
+};
+
+} // namespace
+
+ControllerSimPrivate::ControllerSimPrivate(const QString &address, quint16 port)
+    : address(address), port(port)
+{
+}
+
+void ControllerSimPrivate::connectionOpened()
+{
+    QMutexLocker lock(&mutex);
+    ++openConnections;
+    ++acceptedConnections;
+}
+
+void ControllerSimPrivate::connectionClosed()
+{
+    QMutexLocker lock(&mutex);
+    --openConnections;
+}
+
+SimAction ControllerSimPrivate::serve(const QByteArray &frame, SimSession &session)
+{
+    QMutexLocker lock(&mutex);
+    if (recording)
+        record.append(frame);
+    requestArrived.wakeAll();
+    if (logger)
+        logger(frame);
+
+    const QByteArray pdu = frame.mid(SimFrame::headerLength);
+    const char letter = pdu.isEmpty() ? 0 : pdu[0];
+    const int sub = pdu.size() > 1 ? quint8(pdu[1]) : -1;
+
+    ControllerSim::Fault fault;
+    auto it = faults.find({letter, sub});
+    if (it == faults.end())
+        it = faults.find({letter, -1});
+    if (it != faults.end()) {
+        bool applies = true;
+        if (it->fault.kind == ControllerSim::Fault::CloseAfter) {
+            applies = ++it->seen > it->fault.arg;
+            if (applies)
+                it->seen = 0;
+        }
+        if (applies) {
+            fault = it->fault;
+            if (it->fault.times > 0 && --it->fault.times == 0)
+                faults.erase(it);
+        }
+    }
+
+    SimAction action;
+    switch (fault.kind) {
+    case ControllerSim::Fault::CloseAfter:
+        action.kind = SimAction::Close;
+        return action;
+    case ControllerSim::Fault::Silence:
+        return action;
+    case ControllerSim::Fault::ErrorReply:
+        action.kind = SimAction::Reply;
+        action.bytes = SimFrame::wrap(SimMachine::errorReply(pdu).pdu);
+        return action;
+    default:
+        break;
+    }
+    SimReply reply = machine.handle(pdu, session);
+    if (fault.kind == ControllerSim::Fault::State && reply.stateOffset >= 0)
+        reply.pdu[reply.stateOffset] = char(fault.arg);
+    action.kind = SimAction::Reply;
+    action.bytes = SimFrame::wrap(reply.pdu);
+    if (fault.kind == ControllerSim::Fault::Delay)
+        action.delayMs = fault.arg;
+    else if (fault.kind == ControllerSim::Fault::Split)
+        action.splitPauseMs = fault.arg > 0 ? fault.arg : 50;
+    return action;
+}
+
+ControllerSim::ControllerSim(const QString &address, quint16 port)
+    : d(new ControllerSimPrivate(address, port))
+{
+}
+
+ControllerSim::~ControllerSim()
+{
+    stop();
+}
+
+bool ControllerSim::start()
+{
+    QMutexLocker guard(&d->startStop);
+    if (d->thread)
+        return true;
+    auto *thread = new SimThread(d.get());
+    thread->start();
+    thread->ready.acquire();
+    if (!thread->listening) {
+        thread->wait();
+        delete thread;
+        return false;
+    }
+    d->thread = thread;
+    return true;
+}
+
+void ControllerSim::stop()
+{
+    QMutexLocker guard(&d->startStop);
+    if (!d->thread)
+        return;
+    d->thread->quit();
+    d->thread->wait();
+    delete d->thread;
+    d->thread = nullptr;
+}
+
+bool ControllerSim::isRunning() const
+{
+    QMutexLocker guard(&d->startStop);
+    return d->thread != nullptr;
+}
+
+QString ControllerSim::address() const { return d->address; }
+quint16 ControllerSim::port() const { return d->port; }
+
+int ControllerSim::connectionCount() const
+{
+    QMutexLocker lock(&d->mutex);
+    return d->openConnections;
+}
+
+int ControllerSim::connectionsAccepted() const
+{
+    QMutexLocker lock(&d->mutex);
+    return d->acceptedConnections;
+}
+
+void ControllerSim::setVariable(qint32 address, qint32 value)
+{
+    QMutexLocker lock(&d->mutex);
+    d->machine.setVariable(address, value);
+}
+
+qint32 ControllerSim::variable(qint32 address) const
+{
+    QMutexLocker lock(&d->mutex);
+    return d->machine.variable(address);
+}
+
+void ControllerSim::setAnimated(bool on)
+{
+    QMutexLocker lock(&d->mutex);
+    d->machine.animated = on;
+}
+
+bool ControllerSim::isAnimated() const
+{
+    QMutexLocker lock(&d->mutex);
+    return d->machine.animated;
+}
+
+void ControllerSim::addKnownProgram(const QByteArray &name)
+{
+    QMutexLocker lock(&d->mutex);
+    d->machine.knownPrograms.insert(name);
+}
+
+QByteArray ControllerSim::runningProgram(int channel) const
+{
+    QMutexLocker lock(&d->mutex);
+    return d->machine.runningProgram(channel);
+}
+
+void ControllerSim::setRunningProgram(int channel, const QByteArray &name)
+{
+    QMutexLocker lock(&d->mutex);
+    d->machine.setRunningProgram(channel, name);
+}
+
+void ControllerSim::setDncMemorySize(int bytes)
+{
+    QMutexLocker lock(&d->mutex);
+    d->machine.dncMemorySize = qMax(0, bytes);
+}
+
+int ControllerSim::dncMemorySize() const
+{
+    QMutexLocker lock(&d->mutex);
+    return d->machine.dncMemorySize;
+}
+
+int ControllerSim::dncMemoryUsed() const
+{
+    QMutexLocker lock(&d->mutex);
+    return d->machine.dncMemoryUsed();
+}
+
+bool ControllerSim::hasDncFile(int channel, const QByteArray &name) const
+{
+    QMutexLocker lock(&d->mutex);
+    return d->machine.hasDncFile(channel, name);
+}
+
+QByteArray ControllerSim::dncFile(int channel, const QByteArray &name) const
+{
+    QMutexLocker lock(&d->mutex);
+    return d->machine.dncFile(channel, name);
+}
+
+void ControllerSim::setDncFile(int channel, const QByteArray &name, const QByteArray &content)
+{
+    QMutexLocker lock(&d->mutex);
+    d->machine.setDncFile(channel, name, content);
+}
+
+void ControllerSim::clearDncFiles()
+{
+    QMutexLocker lock(&d->mutex);
+    d->machine.clearDncFiles();
+}
+
+void ControllerSim::setBusyReplies(int n, int pollsPerBusy)
+{
+    QMutexLocker lock(&d->mutex);
+    d->machine.setBusyReplies(n, pollsPerBusy);
+}
+
+void ControllerSim::setErrorFile(int channelIndex, bool history, const QByteArray &text)
+{
+    QMutexLocker lock(&d->mutex);
+    d->machine.setErrorFile(channelIndex, history, text);
+}
+
+void ControllerSim::setErrorFileStuck(bool stuck)
+{
+    QMutexLocker lock(&d->mutex);
+    d->machine.errorFileStuck = stuck;
+}
+
+void ControllerSim::setOscPoints(const QVector<qint32> &points)
+{
+    QMutexLocker lock(&d->mutex);
+    d->machine.oscPoints = points;
+}
+
+QVector<qint32> ControllerSim::oscAxes() const
+{
+    QMutexLocker lock(&d->mutex);
+    return d->machine.oscAxes;
+}
+
+qint32 ControllerSim::oscTransEnable() const
+{
+    QMutexLocker lock(&d->mutex);
+    return d->machine.oscTransEnable;
+}
+
+void ControllerSim::setFault(char letter, int sub, const Fault &fault)
+{
+    QMutexLocker lock(&d->mutex);
+    if (fault.kind == Fault::None || fault.times == 0)
+        d->faults.remove({letter, sub});
+    else
+        d->faults.insert({letter, sub}, {fault, 0});
+}
+
+void ControllerSim::clearFault(char letter, int sub)
+{
+    QMutexLocker lock(&d->mutex);
+    d->faults.remove({letter, sub});
+}
+
+void ControllerSim::clearFaults()
+{
+    QMutexLocker lock(&d->mutex);
+    d->faults.clear();
+}
+
+bool ControllerSim::parseFault(const QString &text, char *letter, int *sub, Fault *fault)
+{
+    const int eq = text.indexOf(QLatin1Char('='));
+    if (eq < 1)
+        return false;
+    const QStringList target = text.left(eq).split(QLatin1Char(':'));
+    const QStringList what = text.mid(eq + 1).split(QLatin1Char(':'));
+    if (target.size() > 2 || target[0].size() != 1 || target[0][0].unicode() > 0x7f
+        || what.size() > 3)
+        return false;
+    int s = -1;
+    if (target.size() == 2) {
+        bool ok = false;
+        s = target[1].toInt(&ok, 0);
+        if (!ok || s < -1 || s > 255)
+            return false;
+    }
+    static const QStringList kinds = {QStringLiteral("silence"), QStringLiteral("error"),
+                                      QStringLiteral("state"), QStringLiteral("delay"),
+                                      QStringLiteral("split"), QStringLiteral("close")};
+    const int k = kinds.indexOf(what[0]);
+    if (k < 0)
+        return false;
+    Fault f;
+    f.kind = Fault::Kind(Fault::Silence + k);
+    bool ok = true;
+    if (what.size() > 1)
+        f.arg = what[1].toInt(&ok, 0);
+    if (!ok || f.arg < 0)
+        return false;
+    if (what.size() > 2) {
+        f.times = what[2].toInt(&ok);
+        if (!ok || f.times < 1)
+            return false;
+    }
+    *letter = char(target[0][0].unicode());
+    *sub = s;
+    *fault = f;
+    return true;
+}
+
+QList<QByteArray> ControllerSim::requests() const
+{
+    QMutexLocker lock(&d->mutex);
+    return d->record;
+}
+
+QList<QByteArray> ControllerSim::requests(char letter) const
+{
+    QMutexLocker lock(&d->mutex);
+    QList<QByteArray> out;
+    for (const QByteArray &f : d->record) {
+        if (f.size() > SimFrame::headerLength && f[SimFrame::headerLength] == letter)
+            out.append(f);
+    }
+    return out;
+}
+
+void ControllerSim::clearRequests()
+{
+    QMutexLocker lock(&d->mutex);
+    d->record.clear();
+}
+
+bool ControllerSim::waitForRequests(int n, int timeoutMs) const
+{
+    QDeadlineTimer deadline(timeoutMs);
+    QMutexLocker lock(&d->mutex);
+    while (d->record.size() < n) {
+        if (!d->requestArrived.wait(&d->mutex, deadline))
+            return d->record.size() >= n;
+    }
+    return true;
+}
+
+void ControllerSim::setRecording(bool on)
+{
+    QMutexLocker lock(&d->mutex);
+    d->recording = on;
+}
+
+void ControllerSim::setRequestLogger(std::function<void(const QByteArray &)> logger)
+{
+    QMutexLocker lock(&d->mutex);
+    d->logger = std::move(logger);
+}

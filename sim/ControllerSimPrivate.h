@@ -1,0 +1,59 @@
+#ifndef CONTROLLERSIMPRIVATE_H
+#define CONTROLLERSIMPRIVATE_H
+
+#include "ControllerSim.h"
+#include "SimMachine.h"
+
+#include <QList>
+#include <QMap>
+#include <QMutex>
+#include <QPair>
+#include <QSemaphore>
+#include <QThread>
+#include <QWaitCondition>
+#include <functional>
+
+// What the serving thread does with one request frame.
+struct SimAction
+{
+    enum Kind { Reply, Nothing, Close };
+    Kind kind = Nothing;
+    QByteArray bytes;   // the whole reply frame
+    int delayMs = 0;
+    int splitPauseMs = -1;  // >= 0: send in two segments this far apart
+};
+
+// Shared between the public object (any thread) and the serving thread;
+// everything below the mutex is guarded by it.
+class ControllerSimPrivate
+{
+public:
+    ControllerSimPrivate(const QString &address, quint16 port);
+
+    // Records the frame, picks the fault and carries out the request.
+    SimAction serve(const QByteArray &frame, SimSession &session);
+    void connectionOpened();
+    void connectionClosed();
+
+    const QString address;
+    const quint16 port;
+
+    mutable QMutex mutex;
+    mutable QWaitCondition requestArrived;
+    SimMachine machine;
+    struct FaultEntry {
+        ControllerSim::Fault fault;
+        int seen = 0;
+    };
+    QMap<QPair<char, int>, FaultEntry> faults;
+    QList<QByteArray> record;
+    bool recording = true;
+    std::function<void(const QByteArray &)> logger;
+    int openConnections = 0;
+    int acceptedConnections = 0;
+
+    QThread *thread = nullptr;  // only touched by start/stop, under startStop
+    QMutex startStop;
+};
+
+#endif
