@@ -1,0 +1,64 @@
+#ifndef VELMORA_H
+#define VELMORA_H
+
+#include "velmora_global.h"
+
+#include <QList>
+#include <QMainWindow>
+#include <QString>
+#include <QStringList>
+
+class QAction;
+class QGridLayout;
+class setPar;
+class splitForm;
+
+// The main window a host embeds: display panels side by side, each 218
+// pixels at least, and a configuration mode in which the module editor
+// takes their place. The panel layout is kept in "dialogProtocol.ini" in the
+// working directory.
+class VELMORA_EXPORT Velmora : public QMainWindow
+{
+    Q_OBJECT
+
+public:
+    explicit Velmora(QWidget *parent = nullptr);
+    ~Velmora() override;
+
+    // Address for panels created from now on; existing panels keep theirs.
+    void setCncIp(QString ip);
+    // Starts or stops the refresh of every panel.
+    void setUpdataStart(bool start);
+
+public slots:
+    void addSplitForm_clicked();
+    void removeSplitForm_clicked();
+    void mytestFunction();
+    void setParFunction();
+    void splitFormPasteFunction();
+    void splitFormCopyFunction(QStringList list);
+
+private:
+    splitForm *createPanel(int functionIndex, int subFunctionIndex);
+    splitForm *focusedPanel() const;
+    void placePanels();
+    bool refusedInConfigMode();
+
+    // configuration editor hook
+    void enterConfiguration();
+    void leaveConfiguration();
+    bool configurationSaved();
+
+    QList<splitForm *> _splitForm;
+    QString cncIP;
+    QStringList copied;
+    setPar *configEditor = nullptr;
+    bool configMode = false;
+    QGridLayout *grid = nullptr;
+    QAction *addAction = nullptr;
+    QAction *removeAction = nullptr;
+    QAction *switchAction = nullptr;
+    QAction *configAction = nullptr;
+};
+
+#endif
