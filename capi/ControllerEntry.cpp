@@ -1,0 +1,26 @@
+#include "ControllerEntry.h"
+
+ControllerEntry::ControllerEntry()
+{
+    m_channelClients.append(new AsynchronousClient);
+}
+
+ControllerEntry::~ControllerEntry()
+{
+    qDeleteAll(m_channelClients);
+    m_channelClients.clear();
+}
+
+AsynchronousClient *ControllerEntry::channelClient(long int channel)
+{
+    if (channel < 1 || channel > m_channelClients.size())
+        return nullptr;
+    return m_channelClients.at(int(channel - 1));
+}
+
+void ControllerEntry::setChannelCount(int count)
+{
+    while (m_channelClients.size() < count)
+        m_channelClients.append(new AsynchronousClient);
+    m_channelCount = m_channelClients.size();
+}

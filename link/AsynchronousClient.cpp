@@ -1,0 +1,810 @@
+#include "AsynchronousClient.h"
+
+#include "CommLog.h"
+
+#include <QDebug>
+#include <QDir>
+#include <QMutexLocker>
+#include <QTcpSocket>
+#include <QVector>
+
+#include <cstring>
+
+namespace {
+
+const char kReadVarsSig[] = "long int AsynchronousClient::readVars(long int*, int, long int*)";
+const char kWriteVarsSig[] = "long int AsynchronousClient::writeVars(long int*, int, long int*)";
+const char kFileReadVarsSig[] = "long int AsynchronousClient::fileReadVars(long int*, int, long int*)";
+const char kFileWriteVarsSig[] = "long int AsynchronousClient::fileWriteVars(long int*, int, long int*)";
+const char kReadBitsSig[] = "long int AsynchronousClient::readBits(long int, AsynchronousClient::BitType, long int*, int, long int*)";
+const char kRegisterBitsSig[] = "long int AsynchronousClient::registerBits(long int, AsynchronousClient::BitType, long int*, int)";
+const char kRemoveBitsSig[] = "long int AsynchronousClient::removeBits(long int, AsynchronousClient::BitType, long int*, int)";
+const char kWatchdogSig[] = "long int AsynchronousClient::CheckTcpWdt()";
+const char kReadyReadSig[] = "bool AsynchronousClient::myReadyRead()";
+
+const qint32 kBitBases[7] = { 32048, 32112, 32176, 32240, 32304, 32592, 32560 };
+
+// A host `long int` is 64 bits on Linux: check it before it is cut to the
+// 32 bits of the wire, so that a huge number never aliases a valid address.
+bool validAddress(long int address)
+{
+    return address >= 0 && address <= HProtocol_Client::kMaxAddress
+        && HProtocol_Client::isValidAddress(qint32(address));
+}
+
+bool allValid(const long int *addresses, int count)
+{
+    for (int i = 0; i < count; ++i)
+        if (!validAddress(addresses[i]))
+            return false;
+    return true;
+}
+
+} // namespace
+
+AsynchronousClient::AsynchronousClient(QObject *parent)
+    : QThread(parent)
+    , HProtocol_Client(nullptr, nullptr, TcpMode)
+    , m_pollBuilder(m_pollSendBuf, m_pollRecvBuf, TcpMode)
+{
+    QDir().mkpath(QDir::currentPath() + QStringLiteral("/logs"));
+    std::memset(m_sendBuf, 0, sizeof m_sendBuf);
+    std::memset(m_recvBuf, 0, sizeof m_recvBuf);
+    setBuffers(m_sendBuf, m_recvBuf);
+    m_socketError = QStringLiteral("Unknown error");
+    qDebug() << "AsynchronousClient::AsynchronousClient ver 20180822 17:42";
+}
+
+AsynchronousClient::~AsynchronousClient()
+{
+    {
+        QMutexLocker lock(&m_dataMutex);
+        m_quit = true;
+        m_workCond.wakeAll();
+    }
+    // The loop finishes its current exchange (at most the reply waits) and
+    // closes the socket in its own thread.
+    wait();
+}
+
+// ---------------------------------------------------------------------------
+// Socket thread
+
+void AsynchronousClient::ensureStarted()
+{
+    // m_dataMutex held by the caller.
+    if (m_started)
+        return;
+    m_started = true;
+    start(isDirectMode() ? QThread::InheritPriority : QThread::TimeCriticalPriority);
+}
+
+bool AsynchronousClient::runJob(Job job, const QByteArray &data, QByteArray *reply)
+{
+    QMutexLocker lock(&m_dataMutex);
+    ensureStarted();
+    while (m_jobBusy)
+        m_doneCond.wait(&m_dataMutex);
+    m_jobBusy = true;
+    m_job = job;
+    m_jobData = data;
+    m_jobDone = false;
+    m_workCond.wakeAll();
+    // The socket thread bounds every job by the connect, disconnect and
+    // reply waits, so this wait ends.
+    while (!m_jobDone)
+        m_doneCond.wait(&m_dataMutex);
+    const bool result = m_jobResult;
+    if (reply)
+        reply->swap(m_jobReply);
+    m_jobReply.clear();
+    m_jobData.clear();
+    m_jobBusy = false;
+    m_doneCond.wakeAll();
+    return result;
+}
+
+bool AsynchronousClient::threadModeActive() const
+{
+    return !isDirectMode() && !m_stop.load();
+}
+
+void AsynchronousClient::run()
+{
+    QTcpSocket socket;
+    m_socket = &socket;
+    QMutexLocker lock(&m_dataMutex);
+    for (;;) {
+        if (m_job != NoJob) {
+            const Job job = m_job;
+            m_job = NoJob;
+            const QByteArray data = m_jobData;
+            lock.unlock();
+            QByteArray reply;
+            const bool result = performJob(job, data, &reply);
+            updateLinkMirror();
+            lock.relock();
+            m_jobResult = result;
+            m_jobReply = reply;
+            m_jobDone = true;
+            m_doneCond.wakeAll();
+            continue;
+        }
+        if (m_quit)
+            break;
+        if (threadModeActive()) {
+            if (m_connected.load() && socket.state() == QAbstractSocket::ConnectedState) {
+                const QByteArray frame = scheduleStep();
+                if (!frame.isEmpty()) {
+                    lock.unlock();
+                    m_exchangeState.store(2);
+                    QByteArray reply;
+                    socketExchange(frame, &reply);
+                    handleReply(reply);
+                    m_exchangeState.store(1);
+                    updateLinkMirror();
+                    lock.relock();
+                    continue;
+                }
+            } else if (m_connected.load()) {
+                // The controller closed the link: stop polling a dead socket.
+                m_connected.store(false);
+            }
+        }
+        m_workCond.wait(&m_dataMutex);
+    }
+    lock.unlock();
+    if (socket.state() != QAbstractSocket::UnconnectedState)
+        socket.abort();
+    m_socket = nullptr;
+}
+
+bool AsynchronousClient::performJob(Job job, const QByteArray &data, QByteArray *reply)
+{
+    QTcpSocket &socket = *m_socket;
+    switch (job) {
+    case ConnectJob: {
+        if (socket.state() == QAbstractSocket::ConnectedState) {
+            socket.disconnectFromHost();
+            if (socket.state() != QAbstractSocket::UnconnectedState)
+                socket.waitForDisconnected(kConnectWaitMs);
+        }
+        if (socket.state() != QAbstractSocket::UnconnectedState)
+            socket.abort();
+        if (debugDetails())
+            qDebug() << "tcpConnect" << " ip =" << data << " state=" << socket.state();
+        socket.connectToHost(QString::fromLatin1(data), kPort, QIODevice::ReadWrite,
+                             QAbstractSocket::AnyIPProtocol);
+        const bool ok = socket.waitForConnected(kConnectWaitMs);
+        if (!ok)
+            socket.abort();
+        m_connected.store(ok);
+        if (ok && !isDirectMode()) {
+            m_stop.store(false);
+            setPriority(QThread::TimeCriticalPriority);
+        }
+        if (debugDetails())
+            qDebug() << "tcpConnect" << " isConnected = " << (ok ? "true" : "false");
+        return ok;
+    }
+    case DisconnectJob:
+        if (!isDirectMode()) {
+            m_connected.store(false);
+            if (debugDetails())
+                qDebug() << "run" << " isConnected = " << "false";
+            socket.disconnectFromHost();
+            if (socket.state() != QAbstractSocket::UnconnectedState)
+                socket.waitForDisconnected(kConnectWaitMs);
+            return true;
+        }
+        if (debugDetails())
+            qDebug() << "tcpDisconnect" << " isConnected = " << m_connected.load();
+        socket.disconnectFromHost();
+        if (socket.state() == QAbstractSocket::UnconnectedState
+            || socket.waitForDisconnected(kConnectWaitMs))
+            m_connected.store(false);
+        return true;
+    case ExchangeJob:
+        return socketExchange(data, reply);
+    case NoJob:
+        break;
+    }
+    return false;
+}
+
+bool AsynchronousClient::socketExchange(const QByteArray &frame, QByteArray *reply)
+{
+    QTcpSocket &socket = *m_socket;
+    if (socket.bytesAvailable() > 0)
+        socket.readAll();
+    socket.write(frame);
+    socket.flush();
+    const bool replied = myReadyRead();
+    *reply = socket.readAll();
+    return replied;
+}
+
+bool AsynchronousClient::myReadyRead()
+{
+    QTcpSocket &socket = *m_socket;
+    if (socket.bytesAvailable() > 0) {
+        if (debugErrors())
+            qDebug() << kReadyReadSig << "1 Error." << socket.bytesAvailable();
+        if (socket.bytesAvailable() > 0)
+            return true;
+    }
+    for (int i = 0; i < kReplyWaits; ++i) {
+        socket.waitForReadyRead(kReplyWaitMs);
+        if (socket.bytesAvailable() > 0)
+            return true;
+        // A closed socket returns at once; waiting on it would only spin.
+        if (socket.state() != QAbstractSocket::ConnectedState)
+            break;
+    }
+    if (debugErrors())
+        qDebug() << kReadyReadSig << "2 Error." << socket.bytesAvailable();
+    return false;
+}
+
+void AsynchronousClient::updateLinkMirror()
+{
+    const int state = m_socket->state();
+    const QString error = m_socket->errorString();
+    QMutexLocker lock(&m_dataMutex);
+    m_socketState = state;
+    m_socketError = error;
+}
+
+int AsynchronousClient::handleReply(const QByteArray &reply)
+{
+    if (reply.size() < 1 || reply.size() >= kBufferSize)
+        return ParseUnknown;
+    std::memcpy(recvBuffer(), reply.constData(), size_t(reply.size()));
+    const int result = parse(reply.size());
+    // Error replies to 'd' and 'f' reach no handler; the flag comes from here.
+    if (result >= ParseReadError && result <= ParseProgramError)
+        m_errorFlag.store(1);
+    return result;
+}
+
+QByteArray AsynchronousClient::scheduleStep()
+{
+    if (!m_threadOutgoing.isEmpty()) {
+        m_sentAddresses = m_threadOutgoingAddresses.takeFirst();
+        return m_threadOutgoing.takeFirst();
+    }
+    if (m_schedulerKind == 1 || m_queue.isEmpty()) {
+        m_schedulerKind = 0;
+        const QByteArray frame = pollSlice();
+        if (!frame.isEmpty())
+            return frame;
+    }
+    while (!m_queue.isEmpty()) {
+        const QByteArray frame = m_queue.takeFirst();
+        if (!frame.isEmpty()) {
+            m_schedulerKind = 1;
+            m_sentAddresses.clear();
+            return frame;
+        }
+    }
+    return QByteArray();
+}
+
+QByteArray AsynchronousClient::pollSlice()
+{
+    QList<qint32> keys;
+    keys.reserve(m_values.size());
+    for (auto it = m_values.constBegin(); it != m_values.constEnd(); ++it)
+        if (isValidAddress(it.key()))
+            keys.append(it.key());
+    if (keys.isEmpty()) {
+        m_pollPosition = -1;
+        return QByteArray();
+    }
+    if (m_pollPosition < 0 || m_pollPosition >= keys.size())
+        m_pollPosition = 0;
+    const QList<qint32> slice = keys.mid(m_pollPosition, qMin(m_pollSlice, m_pollBuilder.maxRdVar()));
+    m_pollPosition += slice.size();
+    if (m_pollPosition >= keys.size())
+        m_pollPosition = -1;
+    const int length = m_pollBuilder.buildReadVars(slice);
+    if (length <= 0)
+        return QByteArray();
+    m_sentAddresses = slice;
+    return QByteArray(reinterpret_cast<const char *>(m_pollSendBuf), length);
+}
+
+// ---------------------------------------------------------------------------
+// Link state, readable from any thread
+
+int AsynchronousClient::queuedCount() const
+{
+    QMutexLocker lock(&m_dataMutex);
+    return m_queue.size();
+}
+
+bool AsynchronousClient::isSocketConnected() const
+{
+    QMutexLocker lock(&m_dataMutex);
+    return m_socketState == QAbstractSocket::ConnectedState;
+}
+
+QString AsynchronousClient::socketErrorText() const
+{
+    QMutexLocker lock(&m_dataMutex);
+    return m_socketError;
+}
+
+QMap<qint32, qint32> AsynchronousClient::valueMap() const
+{
+    QMutexLocker lock(&m_dataMutex);
+    return m_values;
+}
+
+// ---------------------------------------------------------------------------
+// Lifecycle
+
+bool AsynchronousClient::tcpConnect(const QByteArray &ip)
+{
+    return runJob(ConnectJob, ip, nullptr);
+}
+
+long int AsynchronousClient::tcpDisconnect()
+{
+    if (!isSocketConnected())
+        return 1;
+    runJob(DisconnectJob, QByteArray(), nullptr);
+    return 1;
+}
+
+void AsynchronousClient::setSyncMode(int direct)
+{
+    if (direct == m_direct.load())
+        return;
+    tcpDisconnect();
+    QMutexLocker lock(&m_dataMutex);
+    m_direct.store(direct);
+    m_stop.store(direct != 0);
+    m_workCond.wakeAll();
+}
+
+void AsynchronousClient::setDebugMask(int mask)
+{
+    m_debugMask.store(quint8(mask));
+    CommLog::install(mask != 0);
+}
+
+void AsynchronousClient::onErrorOccured(int errorCmd, int cmdState, const char *detail)
+{
+    if (ErrorCallback callback = m_errorCallback.load())
+        callback(errorCmd, cmdState, detail ? detail : "");
+    else if (debugErrors())
+        qDebug() << "onErrorOccured" << "errorCmd:" << errorCmd << "cmdState:" << cmdState
+                 << "detail:" << (detail ? detail : "");
+    m_exchangeState.store(1);
+}
+
+// ---------------------------------------------------------------------------
+// The operation pattern
+
+bool AsynchronousClient::linkDown(const char *signature)
+{
+    QString error;
+    {
+        QMutexLocker lock(&m_dataMutex);
+        if (m_socketState == QAbstractSocket::ConnectedState)
+            return false;
+        error = m_socketError;
+    }
+    if (debugErrors())
+        qDebug().noquote() << signature << " SocketDisconnected " << error;
+    return true;
+}
+
+QByteArray AsynchronousClient::builtFrame(int length) const
+{
+    if (length <= 0)
+        return QByteArray();
+    return QByteArray(reinterpret_cast<const char *>(sendBuffer()), qMin(length, int(kBufferSize)));
+}
+
+int AsynchronousClient::queueFrame(int length)
+{
+    const QByteArray frame = builtFrame(length);
+    QMutexLocker lock(&m_dataMutex);
+    if (m_queue.size() > m_queueLimit.load())
+        return int(StatusQueueFull);
+    m_queue.append(frame);
+    m_workCond.wakeAll();
+    return int(StatusOk);
+}
+
+bool AsynchronousClient::exchangeNext()
+{
+    {
+        QMutexLocker lock(&m_dataMutex);
+        m_outgoing.clear();
+        while (!m_queue.isEmpty() && m_outgoing.isEmpty())
+            m_outgoing = m_queue.takeFirst();
+        m_sentAddresses.clear();
+    }
+    return exchange();
+}
+
+bool AsynchronousClient::exchange()
+{
+    if (m_outgoing.isEmpty())
+        return false;
+    m_exchangeState.store(2);
+    QByteArray reply;
+    const bool replied = runJob(ExchangeJob, m_outgoing, &reply);
+    handleReply(reply);
+    m_exchangeState.store(1);
+    m_outgoing.clear();
+    return replied;
+}
+
+long int AsynchronousClient::exchangeStatus(bool replied, long int queued) const
+{
+    if (!replied)
+        return StatusNoReply;
+    if (m_errorFlag.load())
+        return StatusErrorReply;
+    return queued;
+}
+
+long int AsynchronousClient::runOperation(const char *signature, const std::function<int()> &build)
+{
+    QMutexLocker lock(&m_mutex);
+    if (linkDown(signature))
+        return StatusDisconnected;
+    const int length = build();
+    if (length <= 0)
+        return StatusParError;
+    const long int queued = queueFrame(length);
+    if (!isDirectMode())
+        return queued;
+    return exchangeStatus(exchangeNext(), queued);
+}
+
+// ---------------------------------------------------------------------------
+// Watchdog
+
+long int AsynchronousClient::CheckTcpWdt()
+{
+    qDebug() << "CheckTcpWdt" << "IN FUNCTION";
+    QMutexLocker lock(&m_mutex);
+    if (linkDown(kWatchdogSig))
+        return StatusDisconnected;
+    long int status = queueFrame(buildWatchdog());
+    if (isDirectMode()) {
+        const bool replied = exchangeNext();
+        if (!replied)
+            return StatusNoReply;
+        status = exchangeStatus(replied, status);
+    }
+    lock.unlock();
+    qDebug() << "CheckTcpWdt" << "OUT FUNCTION";
+    return status;
+}
+
+// ---------------------------------------------------------------------------
+// Reply handlers
+
+void AsynchronousClient::onRecCmdReadVars(int error, const qint32 *values, int count)
+{
+    if (error) {
+        m_errorFlag.store(1);
+        return;
+    }
+    m_errorFlag.store(0);
+    QMutexLocker lock(&m_dataMutex);
+    if (count != m_sentAddresses.size() || (count > 0 && !values)) {
+        lock.unlock();
+        if (debugErrors())
+            qDebug() << "parameters error.";
+        return;
+    }
+    for (int i = 0; i < count; ++i)
+        m_values.insert(m_sentAddresses.at(i), values[i]);
+}
+
+void AsynchronousClient::onRecCmdWriteVars(int error)
+{
+    m_errorFlag.store(error ? 1 : 0);
+}
+
+void AsynchronousClient::onRecCmdWatchdog(int)
+{
+    m_errorFlag.store(0);
+}
+
+void AsynchronousClient::onRecUnknownCmd(int letter)
+{
+    if (debugErrors())
+        qDebug() << "unknown command.";
+    // A letter with its top bit set is the controller's error reply.
+    if (letter & 0x80)
+        m_errorFlag.store(1);
+}
+
+// ---------------------------------------------------------------------------
+// Variables
+
+long int AsynchronousClient::readVarsImpl(const char *signature, long int *addresses, int count,
+                                          long int *values, bool singleFrame)
+{
+    QMutexLocker lock(&m_mutex);
+    if (linkDown(signature))
+        return StatusDisconnected;
+    const int limit = maxRdVar();
+    if (!addresses || !values || count < 1 || !allValid(addresses, count)
+        || (singleFrame && count > limit)) {
+        if (debugErrors())
+            qDebug() << signature << " ParError address=" << static_cast<void *>(addresses)
+                     << " count=" << count << " value=" << static_cast<void *>(values);
+        return StatusParError;
+    }
+    {
+        // Registered variables are dropped here on purpose: the map is also
+        // the result table of this call.
+        QMutexLocker data(&m_dataMutex);
+        m_values.clear();
+        m_pending.clear();
+        m_outgoing.clear();
+        m_threadOutgoing.clear();
+        m_threadOutgoingAddresses.clear();
+        m_pending.reserve(count);
+        for (int i = 0; i < count; ++i)
+            m_pending.append(qint32(addresses[i]));
+    }
+    long int status = StatusOk;
+    while (!m_pending.isEmpty()) {
+        const QList<qint32> slice = m_pending.mid(0, limit);
+        m_currentRdAddressFlag = m_pending.size() > limit;
+        m_pending.erase(m_pending.begin(), m_pending.begin() + slice.size());
+        if (debugDetails())
+            qDebug() << "currentRdAddressFlag =" << m_currentRdAddressFlag << "maxRdVar =" << limit;
+        const QByteArray frame = builtFrame(buildReadVars(slice));
+        if (isDirectMode()) {
+            {
+                QMutexLocker data(&m_dataMutex);
+                m_sentAddresses = slice;
+            }
+            m_outgoing = frame;
+            if (!exchange()) {
+                m_pending.clear();
+                return StatusNoReply;
+            }
+            if (m_errorFlag.load())
+                status = StatusErrorReply;
+        } else {
+            QMutexLocker data(&m_dataMutex);
+            m_threadOutgoing.append(frame);
+            m_threadOutgoingAddresses.append(slice);
+            m_workCond.wakeAll();
+        }
+    }
+    QMutexLocker data(&m_dataMutex);
+    for (int i = 0; i < count; ++i)
+        values[i] = m_values.value(qint32(addresses[i]), 0);
+    return status;
+}
+
+long int AsynchronousClient::readVars(long int *addresses, int count, long int *values)
+{
+    return readVarsImpl(kReadVarsSig, addresses, count, values, false);
+}
+
+long int AsynchronousClient::fileReadVars(long int *addresses, int count, long int *values)
+{
+    if (!isDirectMode())
+        return StatusOk;
+    return readVarsImpl(kFileReadVarsSig, addresses, count, values, true);
+}
+
+long int AsynchronousClient::writeVarsImpl(const char *signature, long int *addresses, int count,
+                                           long int *values, bool singleFrame)
+{
+    QMutexLocker lock(&m_mutex);
+    if (linkDown(signature))
+        return StatusDisconnected;
+    const int limit = maxWrVar();
+    if (!addresses || !values || count < 1 || !allValid(addresses, count)
+        || (singleFrame && count > limit)) {
+        if (debugErrors())
+            qDebug() << signature << " ParError address=" << static_cast<void *>(addresses)
+                     << " count=" << count << " value=" << static_cast<void *>(values);
+        return StatusParError;
+    }
+    QVector<qint32> wireAddresses(count);
+    QVector<qint32> wireValues(count);
+    for (int i = 0; i < count; ++i) {
+        wireAddresses[i] = qint32(addresses[i]);
+        wireValues[i] = qint32(values[i]);
+    }
+    long int status = StatusOk;
+    for (int done = 0; done < count;) {
+        const int n = qMin(limit, count - done);
+        m_currentWrAddressFlag = count - done > limit;
+        if (debugDetails())
+            qDebug() << "currentWrAddressFlag =" << m_currentWrAddressFlag << "maxWrVar =" << limit
+                     << "numCount =" << n;
+        const QByteArray frame = builtFrame(buildWriteVars(wireAddresses.constData() + done,
+                                                           wireValues.constData() + done, n));
+        done += n;
+        if (isDirectMode()) {
+            {
+                QMutexLocker data(&m_dataMutex);
+                m_sentAddresses.clear();
+            }
+            m_outgoing = frame;
+            if (!exchange())
+                return StatusNoReply;
+            if (m_errorFlag.load())
+                status = StatusErrorReply;
+        } else {
+            QMutexLocker data(&m_dataMutex);
+            m_threadOutgoing.append(frame);
+            m_threadOutgoingAddresses.append(QList<qint32>());
+            m_workCond.wakeAll();
+        }
+    }
+    return status;
+}
+
+long int AsynchronousClient::writeVars(long int *addresses, int count, long int *values)
+{
+    return writeVarsImpl(kWriteVarsSig, addresses, count, values, false);
+}
+
+long int AsynchronousClient::fileWriteVars(long int *addresses, int count, long int *values)
+{
+    if (!isDirectMode())
+        return StatusOk;
+    return writeVarsImpl(kFileWriteVarsSig, addresses, count, values, true);
+}
+
+void AsynchronousClient::registerVars(long int *addresses, int count)
+{
+    if (!addresses || count < 1)
+        return;
+    QMutexLocker data(&m_dataMutex);
+    for (int i = 0; i < count; ++i)
+        if (validAddress(addresses[i]))
+            m_values.insert(qint32(addresses[i]), 0);
+    m_workCond.wakeAll();
+}
+
+void AsynchronousClient::removeVars(long int *addresses, int count)
+{
+    QMutexLocker lock(&m_mutex);
+    if (!addresses || count < 1)
+        return;
+    QMutexLocker data(&m_dataMutex);
+    for (int i = 0; i < count; ++i)
+        if (validAddress(addresses[i]))
+            m_values.remove(qint32(addresses[i]));
+}
+
+void AsynchronousClient::clearVars()
+{
+    QMutexLocker lock(&m_mutex);
+    if (isDirectMode())
+        return;
+    QMutexLocker data(&m_dataMutex);
+    m_values.clear();
+    m_pollPosition = -1;
+}
+
+// ---------------------------------------------------------------------------
+// Bits
+
+qint32 AsynchronousClient::bitBase(int type)
+{
+    return type >= 0 && type <= 6 ? kBitBases[type] : 0;
+}
+
+qint32 AsynchronousClient::bitWordAddress(long int channel, int type, long int bit)
+{
+    return qint32(channel * 1000000 + bitBase(type) + bit / 32);
+}
+
+int AsynchronousClient::bitInWord(long int bit)
+{
+    return int(bit % 32);
+}
+
+long int AsynchronousClient::bitsCheck(const char *signature, long int channel, int type,
+                                       long int *bits, int count, long int *values, bool needValues)
+{
+    bool ok = bits && count >= 1 && (values || !needValues) && type >= 0 && type <= 6
+        && channel >= 1 && channel <= kMaxChannel;
+    // A negative or huge bit index would leave the channel's block.
+    for (int i = 0; ok && i < count; ++i)
+        ok = bits[i] >= 0 && bits[i] / 32 <= kMaxAddressOffset
+            && validAddress(long(bitWordAddress(channel, type, bits[i])));
+    if (ok)
+        return StatusOk;
+    if (debugErrors()) {
+        QDebug line = qDebug();
+        line << signature << " ParError address=" << static_cast<void *>(bits) << " count=" << count;
+        if (needValues)
+            line << " value=" << static_cast<void *>(values);
+        line << " channel=" << channel << " type=" << type;
+    }
+    return StatusParError;
+}
+
+long int AsynchronousClient::readBits(long int channel, BitType type, long int *bits, int count,
+                                      long int *values)
+{
+    QMutexLocker lock(&m_mutex);
+    if (linkDown(kReadBitsSig))
+        return StatusDisconnected;
+    if (bitsCheck(kReadBitsSig, channel, type, bits, count, values, true) != StatusOk)
+        return StatusParError;
+    QList<qint32> words;
+    words.reserve(count);
+    for (int i = 0; i < count; ++i)
+        words.append(bitWordAddress(channel, type, bits[i]));
+    long int status = StatusOk;
+    if (isDirectMode()) {
+        const int length = buildReadVars(words);
+        if (length <= 0)
+            return StatusParError;
+        {
+            QMutexLocker data(&m_dataMutex);
+            m_values.clear();
+            m_sentAddresses = words;
+        }
+        m_outgoing = builtFrame(length);
+        if (!exchange())
+            return StatusNoReply;
+        if (m_errorFlag.load())
+            status = StatusErrorReply;
+    }
+    QMutexLocker data(&m_dataMutex);
+    for (int i = 0; i < count; ++i) {
+        const quint32 word = quint32(m_values.value(words.at(i), 0));
+        values[i] = (word >> bitInWord(bits[i])) & 1u;
+    }
+    return status;
+}
+
+long int AsynchronousClient::registerBits(long int channel, BitType type, long int *bits, int count)
+{
+    QMutexLocker lock(&m_mutex);
+    if (linkDown(kRegisterBitsSig))
+        return StatusDisconnected;
+    if (isDirectMode()) {
+        if (debugErrors())
+            qDebug() << kRegisterBitsSig << " CommModeError";
+        return StatusModeError;
+    }
+    if (bitsCheck(kRegisterBitsSig, channel, type, bits, count, nullptr, false) != StatusOk)
+        return StatusParError;
+    QMutexLocker data(&m_dataMutex);
+    for (int i = 0; i < count; ++i)
+        m_values.insert(bitWordAddress(channel, type, bits[i]), 0);
+    m_workCond.wakeAll();
+    return StatusOk;
+}
+
+long int AsynchronousClient::removeBits(long int channel, BitType type, long int *bits, int count)
+{
+    QMutexLocker lock(&m_mutex);
+    if (linkDown(kRemoveBitsSig))
+        return StatusDisconnected;
+    if (isDirectMode()) {
+        if (debugErrors())
+            qDebug() << kRemoveBitsSig << " CommModeError";
+        return StatusModeError;
+    }
+    if (bitsCheck(kRemoveBitsSig, channel, type, bits, count, nullptr, false) != StatusOk)
+        return StatusParError;
+    QMutexLocker data(&m_dataMutex);
+    for (int i = 0; i < count; ++i)
+        m_values.remove(bitWordAddress(channel, type, bits[i]));
+    return StatusOk;
+}

@@ -1,0 +1,34 @@
+#ifndef COMMLOG_H
+#define COMMLOG_H
+
+#include <QDateTime>
+#include <QString>
+#include <QtGlobal>
+
+// Hourly communication log: while installed, every debug message of the
+// process is appended to "<cwd>/logs/CommLog_yyyy-MM-dd-hh.txt". The file is
+// opened and closed per message so it can be moved or read at any time.
+class CommLog
+{
+public:
+    typedef QDateTime (*Clock)();
+
+    // Installs the process-wide message handler (on) or restores the
+    // default output (off).
+    static void install(bool on);
+    static bool isInstalled();
+
+    // Clock seam for tests; null restores the local wall clock.
+    static void setClock(Clock clock);
+
+    // "<cwd>/logs/CommLog" + "_yyyy-MM-dd-hh" + ".txt" for the given time.
+    static QString filePath(const QDateTime &time);
+    // "yyyy-MM-dd hh:mm:ss ddd: message" (without the line end).
+    static QString formatLine(const QDateTime &time, const QString &message);
+    // Appends one line (with "\r\n") under the log lock; failures are silent.
+    static void write(const QString &message);
+
+    static void messageHandler(QtMsgType type, const QMessageLogContext &context, const QString &message);
+};
+
+#endif
