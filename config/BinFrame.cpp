@@ -21,6 +21,7 @@ BinFrame::BinFrame(QWidget *parent)
         if (i != 0 && i % 4 == 0) {
             QLabel *separator = new QLabel(this);
             separator->setStyleSheet(QStringLiteral("background-color: rgb(217, 228, 241);"));
+            separator->setFixedWidth(4); // leave the width to the two-digit bit numbers
             ui->horizontalLayout->addWidget(separator);
         }
     }
