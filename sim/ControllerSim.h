@@ -36,7 +36,8 @@
 //                                exactly full, or written while the controller
 //                                is busy (setBusyReplies); 3 refused: it would
 //                                overflow DNC memory, nothing written.
-//   'd' 04 00                -> 64 04 st   0 target closed; 1 no target
+//   'd' 04 00                -> 64 04 st   0 file ended (it stays the target,
+//                                later text appends to it); 1 no target
 //   'd' 05 00                -> 64 05 st   1 while busy polls are pending, else 0
 //   'c' 01 path 00           -> 63 01 st   1 opened; 0 no such file. Error files
 //                                exist once written (below), paths

@@ -263,11 +263,10 @@ SimReply SimMachine::transfer(const QByteArray &pdu, SimSession &s)
     case 2:
     case 3:
         return storeText(pdu, s, sub == 3);
-    case 4: {
-        const bool had = s.hasTarget;
-        s.hasTarget = false;
-        return withState(pduOf('d', 4), had ? 0 : 1);
-    }
+    case 4:
+        // The file stays announced: a remote buffer in MDI mode ends every
+        // write with a file end and goes on appending to the same file.
+        return withState(pduOf('d', 4), s.hasTarget ? 0 : 1);
     case 5:
         if (pollsLeft > 0) {
             --pollsLeft;
@@ -286,11 +285,16 @@ SimReply SimMachine::storeText(const QByteArray &pdu, SimSession &s, bool overwr
         return withState(head, 1);
     const QByteArray text = SimFrame::cString(pdu, 2);
     const QPair<int, QByteArray> key(s.targetChannel, s.targetName);
-    const QByteArray old = dnc.value(key);
-    const qint64 used = qint64(dncUsed) + text.size() - (overwrite ? old.size() : 0);
+    const int oldSize = dnc.value(key).size();
+    const qint64 used = qint64(dncUsed) + text.size() - (overwrite ? oldSize : 0);
     if (used > dncMemorySize)
         return withState(head, 3);
-    dnc.insert(key, overwrite ? text : old + text);
+    // In place: long drip-fed programs must not be copied on every append.
+    QByteArray &content = dnc[key];
+    if (overwrite)
+        content = text;
+    else
+        content.append(text);
     dncUsed = int(used);
     if (busyLeft > 0) {
         --busyLeft;

@@ -16,10 +16,14 @@ SimServer::SimServer(ControllerSimPrivate *d)
 
 SimServer::~SimServer()
 {
-    // The sockets are the server's children and go with it; only the count
-    // needs to follow.
-    for (int i = 0; i < connections.size(); ++i)
+    // The sockets are the server's children and go with it; cut them loose
+    // from our slots first so their last signals find nothing.
+    for (auto it = connections.begin(); it != connections.end(); ++it) {
+        disconnect(it.key(), nullptr, this, nullptr);
+        it.key()->abort();
         d->connectionClosed();
+    }
+    connections.clear();
 }
 
 bool SimServer::listen()

@@ -105,6 +105,7 @@ private slots:
     void splitAndCloseAfter();
     void framingAcrossSegments();
     void brokenHeaderClosesOnlyThatConnection();
+    void everyWellFramedRequestGetsOneReply();
     void parseFault_data();
     void parseFault();
     void twoSimulatorsSideBySide();
@@ -258,9 +259,11 @@ void tst_Sim::dncStore()
     QCOMPARE(sim->dncFile(3, "P1"), QByteArray("ABCDEF"));
     QCOMPARE(peer.exchange(hex("00000000 0500 00 64 03 5a 00")), hex("00000000 0400 00 64 03 00"));
     QCOMPARE(sim->dncFile(3, "P1"), QByteArray("Z"));
+    // After a file end the file stays announced on this connection.
     QCOMPARE(peer.exchange(hex("00000000 0400 00 64 04 00")), hex("00000000 0400 00 64 04 00"));
-    QCOMPARE(peer.exchange(hex("00000000 0500 00 64 02 41 00")), hex("00000000 0400 00 64 02 01"));
-    QCOMPARE(sim->dncMemoryUsed(), 1);
+    QCOMPARE(peer.exchange(hex("00000000 0500 00 64 02 41 00")), hex("00000000 0400 00 64 02 00"));
+    QCOMPARE(sim->dncFile(3, "P1"), QByteArray("ZA"));
+    QCOMPARE(sim->dncMemoryUsed(), 2);
     // A program in the store can be started on its channel only.
     QCOMPARE(peer.exchange(hex("00000000 0700 00 66 04 01 5031 00")), hex("00000000 0500 00 66 04 01 03"));
     QCOMPARE(peer.exchange(hex("00000000 0700 00 66 04 03 5031 00")), hex("00000000 0500 00 66 04 03 00"));
@@ -477,6 +480,31 @@ void tst_Sim::brokenHeaderClosesOnlyThatConnection()
     QCOMPARE(good.exchange(hex("00000000 0200 00 70")), hex("00000000 0300 00 70 00"));
     QTRY_COMPARE_WITH_TIMEOUT(sim->connectionCount(), 1, 2000);
     QCOMPARE(sim->connectionsAccepted(), 3);
+}
+
+void tst_Sim::everyWellFramedRequestGetsOneReply()
+{
+    Peer peer;
+    QVERIFY(peer.connected);
+    QRandomGenerator rng(20261122);
+    const QByteArray letters("pBDdcfgi\x00\x7f\xc2\xff");
+    for (int i = 0; i < 400; ++i) {
+        QByteArray pdu(1, letters[int(rng.bounded(letters.size()))]);
+        const int len = rng.bounded(8) == 0 ? int(rng.bounded(1000)) : int(rng.bounded(24));
+        for (int j = 0; j < len; ++j)
+            pdu.append(char(rng.bounded(j == 0 ? 8 : 256)));
+        QByteArray frame(4, '\0');
+        frame.append(char((pdu.size() + 1) & 0xff));
+        frame.append(char((pdu.size() + 1) >> 8));
+        frame.append('\0');
+        frame.append(pdu);
+        const QByteArray r = peer.exchange(frame);
+        QVERIFY2(r.size() >= 8, frame.toHex().constData());
+        QCOMPARE(6 + (quint8(r[4]) | quint8(r[5]) << 8), r.size());
+        QCOMPARE(quint8(r[7]) | 0x80, quint8(pdu[0]) | 0x80);
+    }
+    QCOMPARE(sim->requests().size(), 400);
+    QCOMPARE(peer.exchange(hex("00000000 0200 00 70")), hex("00000000 0300 00 70 00"));
 }
 
 void tst_Sim::parseFault_data()
