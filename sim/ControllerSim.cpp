@@ -201,7 +201,14 @@ void ControllerSim::addKnownProgram(const QByteArray &name)
 QByteArray ControllerSim::runningProgram(int channel) const
 {
     QMutexLocker lock(&d->mutex);
+    d->machine.finishPrograms();
     return d->machine.runningProgram(channel);
+}
+
+void ControllerSim::setProgramDuration(int ms)
+{
+    QMutexLocker lock(&d->mutex);
+    d->machine.programDurationMs = qMax(0, ms);
 }
 
 void ControllerSim::setRunningProgram(int channel, const QByteArray &name)

@@ -129,6 +129,9 @@ public:
     void addKnownProgram(const QByteArray &name);
     QByteArray runningProgram(int channel) const;  // empty when idle
     void setRunningProgram(int channel, const QByteArray &name);
+    // A started program ends by itself after ms; 0 (the default): it runs
+    // until reset.
+    void setProgramDuration(int ms);
 
     // DNC file store.
     void setDncMemorySize(int bytes);

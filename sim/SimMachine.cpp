@@ -62,6 +62,7 @@ SimReply SimMachine::handle(const QByteArray &pdu, SimSession &session)
 {
     if (pdu.isEmpty())
         return errorReply(pdu);
+    finishPrograms();
     switch (pdu[0]) {
     case 'p':
         return withState(QByteArray(1, 'p'), 0);
@@ -153,10 +154,25 @@ void SimMachine::variableWritten(qint32 address, qint32 value)
 
 void SimMachine::setRunningProgram(int channel, const QByteArray &name)
 {
-    if (name.isEmpty())
+    if (name.isEmpty()) {
         running.remove(channel);
-    else
+    } else {
         running.insert(channel, name);
+        runningSince.insert(channel, clock.elapsed());
+    }
+}
+
+void SimMachine::finishPrograms()
+{
+    if (programDurationMs <= 0)
+        return;
+    const qint64 now = clock.elapsed();
+    for (auto it = running.begin(); it != running.end();) {
+        if (now - runningSince.value(it.key()) >= programDurationMs)
+            it = running.erase(it);
+        else
+            ++it;
+    }
 }
 
 SimReply SimMachine::program(const QByteArray &pdu)
@@ -182,7 +198,7 @@ SimReply SimMachine::program(const QByteArray &pdu)
             return withState(head, 2);
         if (!knownPrograms.contains(name) && !dnc.contains({channel, name}))
             return withState(head, 3);
-        running.insert(channel, name);
+        setRunningProgram(channel, name);
         return withState(head, 0);
     }
     if (sub == 5)

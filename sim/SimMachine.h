@@ -49,6 +49,8 @@ public:
     QSet<QByteArray> knownPrograms;
     QByteArray runningProgram(int channel) const { return running.value(channel); }
     void setRunningProgram(int channel, const QByteArray &name);
+    int programDurationMs = 0;  // 0: a program runs until reset
+    void finishPrograms();
 
     int dncMemorySize = 0;
     int dncMemoryUsed() const { return dncUsed; }
@@ -79,6 +81,7 @@ private:
     QMap<qint32, qint32> vars;
     QElapsedTimer clock;
     QMap<int, QByteArray> running;
+    QMap<int, qint64> runningSince;
     QMap<QPair<int, QByteArray>, QByteArray> dnc;
     int dncUsed = 0;
     int busyLeft = 0;

@@ -5,23 +5,21 @@
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
-#include <QSocketNotifier>
 #include <QTextStream>
 
+#include <QTimer>
+
 #include <csignal>
-#include <sys/socket.h>
-#include <unistd.h>
 
 namespace {
 
-int signalPipe[2] = {-1, -1};
+// Only a flag in the handler; the event loop polls it. Plain signal() keeps
+// this working on Windows too, where there is no socketpair.
+volatile std::sig_atomic_t stopRequested = 0;
 
 void onSignal(int)
 {
-    // Only async-signal-safe work here; the event loop does the rest.
-    const char c = 1;
-    ssize_t r = ::write(signalPipe[0], &c, 1);
-    (void)r;
+    stopRequested = 1;
 }
 
 } // namespace
@@ -48,8 +46,11 @@ int main(int argc, char *argv[])
     const QCommandLineOption programOpt(QStringLiteral("program"),
                                         QStringLiteral("A program name cycle start accepts."),
                                         QStringLiteral("NAME"));
+    const QCommandLineOption durationOpt(QStringLiteral("program-time"),
+                                         QStringLiteral("A started program ends after MS milliseconds."),
+                                         QStringLiteral("MS"));
     const QCommandLineOption quietOpt(QStringLiteral("quiet"), QStringLiteral("Do not log requests."));
-    parser.addOptions({addressOpt, animateOpt, dncOpt, faultOpt, programOpt, quietOpt});
+    parser.addOptions({addressOpt, animateOpt, dncOpt, faultOpt, programOpt, durationOpt, quietOpt});
     parser.process(app);
 
     QTextStream err(stderr);
@@ -74,6 +75,8 @@ int main(int argc, char *argv[])
         }
         sim.setFault(letter, sub, fault);
     }
+    if (parser.isSet(durationOpt))
+        sim.setProgramDuration(parser.value(durationOpt).toInt());
     for (const QString &p : parser.values(programOpt))
         sim.addKnownProgram(p.toUtf8());
     // A long-running simulator would otherwise keep every frame it ever saw.
@@ -87,15 +90,14 @@ int main(int argc, char *argv[])
         });
     }
 
-    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, signalPipe) != 0)
-        return 1;
-    QSocketNotifier notifier(signalPipe[1], QSocketNotifier::Read);
-    QObject::connect(&notifier, &QSocketNotifier::activated, &app, &QCoreApplication::quit);
-    struct sigaction sa = {};
-    sa.sa_handler = onSignal;
-    sigemptyset(&sa.sa_mask);
-    sigaction(SIGINT, &sa, nullptr);
-    sigaction(SIGTERM, &sa, nullptr);
+    std::signal(SIGINT, onSignal);
+    std::signal(SIGTERM, onSignal);
+    QTimer stopPoll;
+    QObject::connect(&stopPoll, &QTimer::timeout, &app, [] {
+        if (stopRequested)
+            QCoreApplication::quit();
+    });
+    stopPoll.start(50);
 
     if (!sim.start()) {
         err << "velmora-sim: cannot listen on " << sim.address() << ":" << sim.port() << "\n";

@@ -245,6 +245,12 @@ void tst_Sim::programRunStates()
     QVERIFY(sim->runningProgram(2).isEmpty());
     QCOMPARE(peer.exchange(hex("00000000 0a00 00 64 01 02 01 4f313030 00")),
              hex("00000000 0600 00 64 01 02 01 00"));
+
+    // A program that ends by itself frees its channel.
+    sim->setProgramDuration(100);
+    QCOMPARE(peer.exchange(start), hex("00000000 0500 00 66 04 02 00"));
+    QTRY_VERIFY_WITH_TIMEOUT(sim->runningProgram(2).isEmpty(), 2000);
+    QCOMPARE(peer.exchange(start), hex("00000000 0500 00 66 04 02 00"));
 }
 
 void tst_Sim::dncStore()
@@ -578,7 +584,8 @@ void tst_Sim::commandLineProgram()
         QSKIP("velmora-sim not built");
     QProcess proc;
     proc.start(binary, {QStringLiteral("--address"), QStringLiteral("127.0.0.4"), QStringLiteral("--fault"),
-                        QStringLiteral("B=error:0:1"), QStringLiteral("--dnc-size"), QStringLiteral("1")});
+                        QStringLiteral("B=error:0:1"), QStringLiteral("--dnc-size"), QStringLiteral("1"),
+                        QStringLiteral("--program"), QStringLiteral("O1")});
     QVERIFY(proc.waitForStarted(3000));
     QByteArray out;
     for (int i = 0; i < 30 && !out.contains('\n'); ++i) {
@@ -594,6 +601,7 @@ void tst_Sim::commandLineProgram()
         QCOMPARE(peer.exchange(read), hex("00000000 0700 00 42 01 00000000"));
         QCOMPARE(peer.exchange(hex("00000000 0700 00 64 01 01 01 44 00")), hex("00000000 0600 00 64 01 01 01 00"));
         QCOMPARE(peer.exchange(hex("00000000 0600 00 64 03 4142 00")), hex("00000000 0400 00 64 03 03"));
+        QCOMPARE(peer.exchange(hex("00000000 0700 00 66 04 01 4f31 00")), hex("00000000 0500 00 66 04 01 00"));
     }
     ::kill(pid_t(proc.processId()), SIGTERM);
     QVERIFY(proc.waitForFinished(3000));
