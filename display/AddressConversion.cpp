@@ -29,7 +29,12 @@ QList<long> AddressConversion::toVariableNumbers(const QStringList &addresses, i
         const int found = areaIndex(address.left(3));
         if (found >= 0)
             area = found;
-        long number = address.mid(3).toLong(nullptr, 10);   // 0 when not a number
+        // The prefix is the leading letters, three at most: "usr12" -> 12,
+        // and a short unknown prefix such as "x7" still leaves 7.
+        int prefixLength = 0;
+        while (prefixLength < 3 && prefixLength < address.size() && address.at(prefixLength).isLetter())
+            ++prefixLength;
+        long number = address.mid(prefixLength).toLong(nullptr, 10);   // 0 when not a number
         if (area >= 0)
             number += long(channel) * ChannelStride + areaBase(area);
         numbers << number;
