@@ -63,6 +63,8 @@
 //
 // Faults are chosen per letter and sub (sub -1 = any sub; for 'B'/'D' the sub
 // is the count, for 'p' there is none: use -1). An exact sub wins over -1.
+// Every request is recorded, whatever its fault. A delayed or split reply
+// holds back the later requests of its connection until it is sent.
 
 #include <QByteArray>
 #include <QList>
@@ -79,9 +81,10 @@ public:
     struct Fault {
         enum Kind {
             None,
-            Silence,     // no reply at all
-            ErrorReply,  // letter | 0x80, sub
-            State,       // the normal reply with its state byte replaced by arg
+            Silence,     // no reply at all; the request is not carried out
+            ErrorReply,  // letter | 0x80, sub; the request is not carried out
+            State,       // carried out, its state byte replaced by arg (no
+                         // effect on replies without one: 'B', 'D', 'g', 'c' 02)
             Delay,       // the normal reply, arg ms late
             Split,       // the reply in two TCP segments, arg ms apart (0: 50)
             CloseAfter   // arg matching requests answered, the next one closes
