@@ -47,7 +47,6 @@ private slots:
     void nameTable();
     void numberTexts_data();
     void numberTexts();
-    void bits();
     void opening_data();
     void opening();
     void typing_data();
@@ -65,14 +64,10 @@ void tst_valueeditor::names_data()
     QTest::newRow("0") << 0 << "NUT";
     QTest::newRow("17") << 17 << "DCI";
     QTest::newRow("23") << 23 << "TB";
-    QTest::newRow("31") << 31 << "US";
     QTest::newRow("32") << 32 << "space";
-    QTest::newRow("33") << 33 << "!";
     QTest::newRow("65") << 65 << "A";
-    QTest::newRow("126") << 126 << "~";
     QTest::newRow("127") << 127 << "DEL";
     QTest::newRow("128") << 128 << QString(QChar(0x80));
-    QTest::newRow("233") << 233 << QStringLiteral("\u00e9");
     QTest::newRow("255") << 255 << QStringLiteral("\u00ff");
     QTest::newRow("-1") << -1 << "";
     QTest::newRow("256") << 256 << "";
@@ -107,7 +102,6 @@ void tst_valueeditor::numberTexts_data()
     QTest::newRow("255") << 255 << "255" << "FF";
     QTest::newRow("-1") << -1 << "-1" << "FFFFFFFF";
     QTest::newRow("min") << qint32(-2147483647 - 1) << "-2147483648" << "80000000";
-    QTest::newRow("max") << 2147483647 << "2147483647" << "7FFFFFFF";
 }
 
 void tst_valueeditor::numberTexts()
@@ -126,24 +120,6 @@ void tst_valueeditor::numberTexts()
     const qint32 signedHex = parseSignedHex(hex, &ok);
     QCOMPARE(ok, value >= 0);
     QCOMPARE(signedHex, value >= 0 ? value : 0);
-}
-
-void tst_valueeditor::bits()
-{
-    bool ok = true;
-    parseHex("123456789", &ok);
-    QVERIFY(!ok);
-    QCOMPARE(parseDec("", &ok), 0);
-    QVERIFY(ok);
-    parseDec("12x", &ok);
-    QVERIFY(!ok);
-    QCOMPARE(bitOf(0x80000041u, 31), 1);
-    QCOMPARE(bitOf(0x80000041u, 6), 1);
-    QCOMPARE(bitOf(0x80000041u, 5), 0);
-    QCOMPARE(withBit(0, 31, 1), 0x80000000u);
-    QCOMPARE(withBit(0xffffffffu, 0, 0), 0xfffffffeu);
-    QCOMPARE(withBit(5, 2, 1), 5u);
-    QCOMPARE(withBit(5, 32, 1), 5u);
 }
 
 void tst_valueeditor::opening_data()
