@@ -23,7 +23,9 @@ public:
         kMaxAddress = 9999999
     };
 
-    // Link modes.
+    // Link modes: TCP (7-byte header), serial (no header, CRC-16 trailer
+    // checked on receipt). Any other value is the extended framing: larger
+    // limits, the bare PDU from offset 0, no checksum; nothing uses it.
     enum LinkMode : int { TcpMode = 0, SerialMode = 1 };
 
     // Reply-parser results.
