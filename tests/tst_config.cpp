@@ -107,12 +107,7 @@ private slots:
             boxes << title + "|" + text;
         };
     }
-    void cleanup()
-    {
-        UiSeam::reset();
-        QFile::remove(labelsPath());
-        QDir(labelsPath()).removeRecursively();
-    }
+    void cleanup() { UiSeam::reset(); }
 
     void loadTakesModuleCountFromFile_data()
     {
@@ -169,13 +164,18 @@ private slots:
         QCOMPARE(combo->count(), 4);
 
         QStringList asked;
+        QList<int> answers = {1, -1, 0}; // "取消", closed, "确定": only the last removes
         UiSeam::questionHook = [&](QWidget *, const QString &t, const QString &x, const QStringList &b) {
             asked << t << x << b;
-            return 0;
+            return answers.takeFirst();
         };
         combo->setCurrentIndex(0);
-        click(&editor, "removeModule");
-        QCOMPARE(asked, QStringList({"删除模块", "确认删除该模块?", "确定", "取消"}));
+        for (int count : {4, 4, 3}) {
+            click(&editor, "removeModule");
+            QCOMPARE(combo->count(), count);
+            QCOMPARE(editor.findChildren<parInformation *>().size(), count);
+        }
+        QCOMPARE(asked.mid(0, 4), QStringList({"删除模块", "确认删除该模块?", "确定", "取消"}));
 
         QTest::ignoreMessage(QtDebugMsg, "writeXmlFileState== true");
         click(&editor, "save");
@@ -194,20 +194,6 @@ private slots:
         SubFunctionRecord &blank = expected[2].subFunctions[0];
         blank.names = blank.values = blank.types = blank.accesses = QStringList{""};
         QCOMPARE(saved, expected);
-    }
-
-    void removeNeedsConfirmation()
-    {
-        writeLabels({makeModule("A", {makePage("p", {"usr1"})}), makeModule("B", {})}, 2);
-        setPar editor;
-        for (int answer : {1, -1}) {
-            UiSeam::questionHook = [answer](QWidget *, const QString &, const QString &, const QStringList &) {
-                return answer;
-            };
-            click(&editor, "removeModule");
-            QCOMPARE(editor.findChild<QComboBox *>("moduleFunction")->count(), 2);
-            QCOMPARE(editor.findChildren<parInformation *>().size(), 2);
-        }
     }
 
     void duplicateNamesBlockSave_data()
@@ -467,53 +453,6 @@ private slots:
         QCOMPARE(rowTexts(table, 0), QStringList({"usr1", "n_usr1", "v_usr1", "int", "rw"}));
     }
 
-    void mainWindowReloadsPanelsAfterSave()
-    {
-        writeLabels({makeModule("A", {makePage("p", {"usr1"})})}, 1);
-        Velmora window;
-        window.setCncIp("127.0.0.110"); // nothing listens there: the panel just stays unconnected
-        window.resize(600, 400);
-        window.addSplitForm_clicked();
-        auto *panelModules = window.findChild<QComboBox *>("functionModule");
-        QVERIFY(panelModules);
-        QCOMPARE(panelModules->itemText(0), QString("A"));
-
-        window.setParFunction();
-        setPar *editor = window.findChild<setPar *>();
-        QVERIFY(editor && editor->isVisibleTo(&window));
-        auto *combo = editor->findChild<QComboBox *>("moduleFunction");
-        combo->lineEdit()->selectAll();
-        QTest::keyClicks(combo->lineEdit(), "B");
-        QTest::keyClick(combo->lineEdit(), Qt::Key_Return);
-        click(editor, "save"); // (the panels' client diverts the debug stream: check the file instead)
-        QCOMPARE(readLabels().value(0).name, QString("B"));
-        int questions = 0;
-        UiSeam::questionHook = [&](QWidget *, const QString &, const QString &, const QStringList &) {
-            return ++questions, 0;
-        };
-        window.setParFunction();
-        QCOMPARE(questions, 0);
-        QVERIFY(!editor->isVisibleTo(&window));
-        QCOMPARE(panelModules->count(), 1);
-        QCOMPARE(panelModules->itemText(0), QString("B"));
-
-        // Leaving without a save asks; "否" stays, "是" leaves and keeps the panels as they were.
-        window.setParFunction();
-        click(editor, "addModule");
-        QStringList asked;
-        UiSeam::questionHook = [&](QWidget *, const QString &title, const QString &text, const QStringList &b) {
-            asked << title << text << b;
-            return asked.size() > 4 ? 0 : 1;
-        };
-        window.setParFunction();
-        QVERIFY(editor->isVisibleTo(&window));
-        window.setParFunction();
-        QCOMPARE(asked, QStringList({"退出配置模式", "尚未配置，是否继续退出", "是", "否",
-                                     "退出配置模式", "尚未配置，是否继续退出", "是", "否"}));
-        QVERIFY(!editor->isVisibleTo(&window));
-        QCOMPARE(panelModules->count(), 1);
-    }
-
     void screenshot()
     {
         const QString sample = qEnvironmentVariable("VELMORA_SOURCE_DIR") + "/display/Velmora.xml";
@@ -526,6 +465,49 @@ private slots:
         const QString dir = qEnvironmentVariable("VELMORA_BINARY_DIR", QDir::tempPath()) + "/screenshots";
         QVERIFY(QDir().mkpath(dir));
         QVERIFY(editor.grab().save(dir + "/config_setPar.png"));
+    }
+
+    void mainWindowReloadsPanelsAfterSave()
+    {
+        writeLabels({makeModule("A", {makePage("p", {"usr1"})})}, 1);
+        Velmora window;
+        window.setCncIp("127.0.0.110"); // nothing listens there: the panel just stays unconnected
+        window.resize(600, 400);
+        window.addSplitForm_clicked();
+        auto *panelModules = window.findChild<QComboBox *>("functionModule");
+        QCOMPARE(panelModules->itemText(0), QString("A"));
+
+        window.setParFunction();
+        setPar *editor = window.findChild<setPar *>();
+        QVERIFY(editor && editor->isVisibleTo(&window));
+        auto *combo = editor->findChild<QComboBox *>("moduleFunction");
+        combo->lineEdit()->selectAll();
+        QTest::keyClicks(combo->lineEdit(), "B");
+        QTest::keyClick(combo->lineEdit(), Qt::Key_Return);
+        click(editor, "save"); // (the panels' client diverts the debug stream: check the file instead)
+        QCOMPARE(readLabels().value(0).name, QString("B"));
+        QStringList asked;
+        UiSeam::questionHook = [&](QWidget *, const QString &title, const QString &text, const QStringList &b) {
+            asked << title << text << b;
+            return asked.size() > 4 ? 0 : 1;
+        };
+        window.setParFunction(); // saved: leaves without asking
+        QVERIFY(asked.isEmpty());
+        QVERIFY(!editor->isVisibleTo(&window));
+        QCOMPARE(panelModules->count(), 1);
+        QCOMPARE(panelModules->itemText(0), QString("B"));
+
+        // Unsaved: "否" stays, "是" leaves without reloading (the file changed meanwhile).
+        window.setParFunction();
+        writeLabels({makeModule("C", {}), makeModule("D", {})}, 2);
+        window.setParFunction();
+        QVERIFY(editor->isVisibleTo(&window));
+        window.setParFunction();
+        QCOMPARE(asked, QStringList({"退出配置模式", "尚未配置，是否继续退出", "是", "否",
+                                     "退出配置模式", "尚未配置，是否继续退出", "是", "否"}));
+        QVERIFY(!editor->isVisibleTo(&window));
+        QCOMPARE(panelModules->count(), 1);
+        QCOMPARE(panelModules->itemText(0), QString("B"));
     }
 };
 
