@@ -1,0 +1,131 @@
+// C entry points of program control, file transfer and error files. Each
+// finds the controller's client, calls it and writes one line with its
+// arguments and result.
+#include "velmora.h"
+
+#include "ControllerRegistry.h"
+
+#include <QDebug>
+#include <QString>
+
+namespace {
+
+const long int kUnknownController = 1;
+
+QString text(const char *s)
+{
+    return s ? QString::fromUtf8(s) : QString();
+}
+
+AsynchronousClient *mainClientOf(int cncID)
+{
+    ControllerEntry *entry = ControllerRegistry::find(cncID);
+    return entry ? entry->mainClient() : nullptr;
+}
+
+// File transfer picks the client of the channel: 1..channel count.
+AsynchronousClient *channelClientOf(long int channel, int cncID)
+{
+    ControllerEntry *entry = ControllerRegistry::find(cncID);
+    return entry ? entry->channelClient(channel) : nullptr;
+}
+
+long int fileInfo(const char *signature, long int type, long int channel, char *fileName, int cncID, bool query)
+{
+    AsynchronousClient *client = channelClientOf(channel, cncID);
+    const long int out = client ? client->setTransFileType(type, channel, fileName, query) : kUnknownController;
+    qDebug().noquote() << signature << " channel=" << channel << " cncID=" << cncID << " fileName=" << text(fileName)
+                       << " type=" << type << " out=" << out;
+    return out;
+}
+
+long int textCall(const char *signature, char *txt, long int channel, int cncID,
+                  long int (AsynchronousClient::*call)(char *))
+{
+    AsynchronousClient *client = channelClientOf(channel, cncID);
+    const long int out = client ? (client->*call)(txt) : kUnknownController;
+    qDebug().noquote() << signature << " channel=" << channel << " cncID=" << cncID << " txt=" << text(txt)
+                       << " out=" << out;
+    return out;
+}
+
+} // namespace
+
+extern "C" {
+
+long int reset(long int channel, int cncID)
+{
+    AsynchronousClient *client = mainClientOf(cncID);
+    const long int out = client ? client->reset(channel) : kUnknownController;
+    qDebug().noquote() << "long int reset(long int, int)" << " channel=" << channel << " cncID=" << cncID
+                       << " out=" << out;
+    return out;
+}
+
+long int cycStart(long int channel, char *fileName, int cncID)
+{
+    AsynchronousClient *client = mainClientOf(cncID);
+    const long int out = client ? client->cycStart(channel, fileName) : kUnknownController;
+    qDebug().noquote() << "long int cycStart(long int, char*, int)" << " channel=" << channel << " cncID=" << cncID
+                       << " fileName=" << text(fileName) << " out=" << out;
+    return out;
+}
+
+char *getRuningPrg(int channel, int cncID)
+{
+    ControllerEntry *entry = ControllerRegistry::find(cncID);
+    if (!entry)
+        return nullptr;
+    // Kept in the entry so the pointer outlives this call.
+    entry->runningProgram() = entry->programClient()->getRuningPrg(channel);
+    return entry->runningProgram().data();
+}
+
+long int setTransFileType(long int type, long int channel, char *fileName, int cncID)
+{
+    return fileInfo("long int setTransFileType(long int, long int, char*, int)", type, channel, fileName, cncID,
+                    false);
+}
+
+long int getTransFileState(long int type, long int channel, char *fileName, int cncID)
+{
+    return fileInfo("long int getTransFileState(long int, long int, char*, int)", type, channel, fileName, cncID,
+                    true);
+}
+
+long int overwrite(char *txt, long int channel, int cncID)
+{
+    return textCall("long int overwrite(char*, long int, int)", txt, channel, cncID, &AsynchronousClient::overwrite);
+}
+
+long int append(char *txt, long int channel, int cncID)
+{
+    return textCall("long int append(char*, long int, int)", txt, channel, cncID, &AsynchronousClient::append);
+}
+
+long int fileEnd(long int channel, int cncID)
+{
+    AsynchronousClient *client = channelClientOf(channel, cncID);
+    const long int out = client ? client->fileEnd() : kUnknownController;
+    qDebug().noquote() << "long int fileEnd(long int, int)" << " channel=" << channel << " cncID=" << cncID
+                       << " out=" << out;
+    return out;
+}
+
+long int uploadFile(long int type, long int channel, char *fileName, char *txt, int cncID)
+{
+    AsynchronousClient *client = channelClientOf(channel, cncID);
+    const long int out = client ? client->uploadFile(type, channel, fileName, txt) : kUnknownController;
+    qDebug().noquote() << "long int uploadFile(long int, long int, char*, char*, int)" << " channel=" << channel
+                       << " cncID=" << cncID << " fileName=" << text(fileName) << " type=" << type << " out=" << out
+                       << " txt=" << text(txt);
+    return out;
+}
+
+char *getCncCurrentError(long int selector, int cncID)
+{
+    AsynchronousClient *client = mainClientOf(cncID);
+    return client ? client->getCncCurrentError(selector) : nullptr;
+}
+
+} // extern "C"

@@ -1,0 +1,230 @@
+// Controller error files: ask the controller to write the current or history
+// error file of a channel, then read it with the remote file commands.
+#include "AsynchronousClient.h"
+
+#include <QDebug>
+#include <QThread>
+
+namespace {
+
+const char kGetCncCurrentErrorSig[] = "char* AsynchronousClient::getCncCurrentError(long int)";
+
+const int kFileCategory = 1;
+const int kAlarmState = 100;
+// State of a read reply whose count did not match its length: no piece.
+const int kPieceRejected = -2;
+// Bytes of a read reply around its piece: header, letter, sub, count.
+const int kReadReplyOverhead = 10;
+
+// Selector = 10 * channel index (0..8) + 0 current / 1 history.
+QByteArray errorFilePath(long int selector)
+{
+    if (selector < 0 || selector > 81 || selector % 10 > 1)
+        return QByteArray();
+    return QByteArray("sys000") + char('0' + selector / 10)
+        + (selector % 10 ? "/error/hisError.error" : "/error/curError.error");
+}
+
+// The hand-over read goes through the reply hook, which has no object: the
+// value comes back through the reading thread's own slot (direct mode parses
+// on the calling thread).
+struct VarRead {
+    bool got = false;
+    bool error = false;
+    qint32 value = 0;
+};
+thread_local VarRead *t_varRead = nullptr;
+
+void storeVarRead(int error, const qint32 *values, int count)
+{
+    if (!t_varRead)
+        return;
+    t_varRead->error = error != 0;
+    if (!error && values && count == 1) {
+        t_varRead->got = true;
+        t_varRead->value = values[0];
+    }
+}
+
+} // namespace
+
+long int AsynchronousClient::writeVarLocked(qint32 address, qint32 value)
+{
+    // As the file-variable calls: nothing is sent in thread mode.
+    if (!isDirectMode())
+        return StatusOk;
+    const long int queued = queueFrame(buildWriteVars(&address, &value, 1));
+    return exchangeStatus(exchangeNext(), queued);
+}
+
+long int AsynchronousClient::readVarLocked(qint32 address, qint32 *value)
+{
+    if (!isDirectMode())
+        return StatusOk;
+    VarRead read;
+    const ReadVarsCallback saved = readVarsCallback;
+    readVarsCallback = storeVarRead;
+    t_varRead = &read;
+    const long int queued = queueFrame(buildReadVars(&address, 1));
+    const bool replied = exchangeNext();
+    t_varRead = nullptr;
+    readVarsCallback = saved;
+    if (read.error)
+        m_errorFlag.store(1);
+    else if (read.got)
+        m_errorFlag.store(0);
+    if (read.got)
+        *value = read.value;
+    return exchangeStatus(replied, queued);
+}
+
+void AsynchronousClient::finishErrorFile()
+{
+    m_fileOpened = false;
+    m_moreToRead = false;
+    m_somethingRead = false;
+}
+
+char *AsynchronousClient::getCncCurrentError(long int selector)
+{
+    m_mutex.lock();
+    m_cncErrorText = "0";
+    if (linkDown(kGetCncCurrentErrorSig)) {
+        m_cncErrorText += "SocketDisconnected";
+        m_cncErrorText[0] = '7';
+        m_mutex.unlock();
+        return m_cncErrorText.data();
+    }
+    const QByteArray path = errorFilePath(selector);
+    if (path.isEmpty()) {
+        if (debugErrors())
+            qDebug() << "getCncCurrentError" << "Channel selection error";
+        m_cncErrorText += "Channel selection error";
+        m_cncErrorText[0] = '9';
+        m_mutex.unlock();
+        return m_cncErrorText.data();
+    }
+
+    // The controller writes the file and clears the kind variable when done.
+    writeVarLocked(kErrorFileChannelVar, qint32(selector / 10));
+    writeVarLocked(kErrorFileKindVar, qint32(selector % 10 + 1));
+    QThread::msleep(kErrorFileWaitMs);
+    qint32 kind = 1;   // a read that brings nothing counts as not written
+    readVarLocked(kErrorFileKindVar, &kind);
+    if (kind != 0) {
+        if (debugErrors())
+            qDebug() << "getCncCurrentError" << "timeout get curErrorerror file";
+        m_cncErrorText += "timeout get curErrorerror file";
+        m_cncErrorText[0] = '8';
+        m_mutex.unlock();
+        return m_cncErrorText.data();
+    }
+
+    // Without a reply inside open/read/close the text goes back as it stands.
+    auto abandon = [this]() {
+        finishErrorFile();
+        m_mutex.unlock();
+        return m_cncErrorText.data();
+    };
+
+    long int result = queueFrame(buildOpenReadFile(path.constData()));
+    if (isDirectMode()) {
+        if (!exchangeNext())
+            return abandon();
+        if (!m_errorFlag.load()) {
+            if (m_readFileState.load() == kAlarmState) {
+                result = StatusAlarm;
+            } else if (result == StatusOk) {
+                m_fileOpened = true;
+                m_moreToRead = true;
+            }
+        } else {
+            result = m_readFileState.load() == kAlarmState ? long(StatusAlarm) : long(StatusErrorReply);
+        }
+    }
+    if (!m_fileOpened && debugErrors())
+        qDebug() << "getCncCurrentError" << "CncErrorFile open false";
+
+    while (m_fileOpened && m_moreToRead) {
+        m_readFileState.store(0);
+        queueFrame(buildReadFile());
+        if (!exchangeNext())
+            return abandon();
+        if (!m_errorFlag.load()) {
+            m_somethingRead = true;
+            continue;
+        }
+        // A reply without a piece is the end of the file; anything else
+        // that sets the flag is the controller's error.
+        m_moreToRead = false;
+        const int state = m_readFileState.load();
+        if (state == kAlarmState)
+            result = StatusAlarm;
+        else if (state != kPieceRejected)
+            result = StatusErrorReply;
+        if (!m_somethingRead && debugErrors())
+            qDebug() << "getCncCurrentError" << "CncErrorFile read false";
+    }
+
+    if (m_somethingRead) {
+        queueFrame(buildCloseReadFile());
+        if (!exchangeNext())
+            return abandon();
+        if (m_errorFlag.load())
+            result = m_readFileState.load() == kAlarmState ? long(StatusAlarm) : long(StatusErrorReply);
+    }
+
+    finishErrorFile();
+    // 100 shows as '1': the digit is the first one of the code.
+    m_cncErrorText[0] = QByteArray::number(qlonglong(result)).at(0);
+    if (debugDetails())
+        qDebug() << "datez_size" << m_cncErrorText.size();
+    m_mutex.unlock();
+    return m_cncErrorText.data();
+}
+
+void AsynchronousClient::onRecCmdOpenReadFile(int state)
+{
+    if (debugDetails())
+        qDebug() << "onRecCmdOpenReadFile" << "state = " << state;
+    m_readFileState.store(state);
+    if (state == 1) {
+        m_errorFlag.store(0);
+        return;
+    }
+    m_errorFlag.store(1);
+    if (state == 0)
+        onErrorOccured(kFileCategory, state, "opening file error.");
+}
+
+void AsynchronousClient::onRecCmdCloseReadFile(int state)
+{
+    if (debugDetails())
+        qDebug() << "onRecCmdCloseReadFile" << "state = " << state;
+    m_readFileState.store(state);
+    if (state == 1) {
+        m_errorFlag.store(0);
+        return;
+    }
+    m_errorFlag.store(1);
+    if (state == 0)
+        onErrorOccured(kFileCategory, state, "closing file error.");
+}
+
+void AsynchronousClient::onRecCmdReadFile(const quint8 *data, int size)
+{
+    const int n = data ? int(static_cast<qint8>(data[0])) : -1;
+    if (debugDetails())
+        qDebug() << "onRecCmdReadFile" << "state = " << 0 << "recsize = " << n << "size =" << size;
+    if (n >= 0 && size == n + kReadReplyOverhead) {
+        m_cncErrorText.append(reinterpret_cast<const char *>(data + 1), n);
+        m_errorFlag.store(0);
+        m_readFileState.store(0);
+        return;
+    }
+    // Every file ends this way, so it is only logged.
+    m_errorFlag.store(1);
+    m_readFileState.store(kPieceRejected);
+    if (debugErrors())
+        qDebug() << "read file error.(Accept the wrong size)";
+}
