@@ -4,6 +4,7 @@
 
 #include <QDebug>
 #include <QDir>
+#include <QHostAddress>
 #include <QMutexLocker>
 #include <QTcpSocket>
 #include <QVector>
@@ -173,9 +174,14 @@ bool AsynchronousClient::performJob(Job job, const QByteArray &data, QByteArray 
             socket.abort();
         if (debugDetails())
             qDebug() << "tcpConnect" << " ip =" << data << " state=" << socket.state();
-        socket.connectToHost(QString::fromLatin1(data), kPort, QIODevice::ReadWrite,
-                             QAbstractSocket::AnyIPProtocol);
-        const bool ok = socket.waitForConnected(kConnectWaitMs);
+        // Controllers are given by address. A host name would need a name
+        // lookup, which waitForConnected does not bound.
+        const QHostAddress address(QString::fromLatin1(data));
+        bool ok = false;
+        if (!address.isNull()) {
+            socket.connectToHost(address, kPort, QIODevice::ReadWrite);
+            ok = socket.waitForConnected(kConnectWaitMs);
+        }
         if (!ok)
             socket.abort();
         m_connected.store(ok);
@@ -215,8 +221,11 @@ bool AsynchronousClient::performJob(Job job, const QByteArray &data, QByteArray 
 bool AsynchronousClient::socketExchange(const QByteArray &frame, QByteArray *reply)
 {
     QTcpSocket &socket = *m_socket;
-    if (socket.bytesAvailable() > 0)
+    // Without an event loop, bytes that arrived late (the rest of a split
+    // reply) are still in the kernel: pull them in so they are discarded.
+    while (socket.waitForReadyRead(0))
         socket.readAll();
+    socket.readAll();
     socket.write(frame);
     socket.flush();
     const bool replied = myReadyRead();
@@ -269,6 +278,7 @@ int AsynchronousClient::handleReply(const QByteArray &reply)
 
 QByteArray AsynchronousClient::scheduleStep()
 {
+    m_sentIsPoll = false;
     if (!m_threadOutgoing.isEmpty()) {
         m_sentAddresses = m_threadOutgoingAddresses.takeFirst();
         return m_threadOutgoing.takeFirst();
@@ -311,6 +321,7 @@ QByteArray AsynchronousClient::pollSlice()
     if (length <= 0)
         return QByteArray();
     m_sentAddresses = slice;
+    m_sentIsPoll = true;
     return QByteArray(reinterpret_cast<const char *>(m_pollSendBuf), length);
 }
 
@@ -427,6 +438,7 @@ bool AsynchronousClient::exchangeNext()
         while (!m_queue.isEmpty() && m_outgoing.isEmpty())
             m_outgoing = m_queue.takeFirst();
         m_sentAddresses.clear();
+        m_sentIsPoll = false;
     }
     return exchange();
 }
@@ -505,8 +517,12 @@ void AsynchronousClient::onRecCmdReadVars(int error, const qint32 *values, int c
             qDebug() << "parameters error.";
         return;
     }
-    for (int i = 0; i < count; ++i)
-        m_values.insert(m_sentAddresses.at(i), values[i]);
+    for (int i = 0; i < count; ++i) {
+        const qint32 address = m_sentAddresses.at(i);
+        // A poll reply must not bring back a variable removed meanwhile.
+        if (!m_sentIsPoll || m_values.contains(address))
+            m_values.insert(address, values[i]);
+    }
 }
 
 void AsynchronousClient::onRecCmdWriteVars(int error)
@@ -570,6 +586,7 @@ long int AsynchronousClient::readVarsImpl(const char *signature, long int *addre
             {
                 QMutexLocker data(&m_dataMutex);
                 m_sentAddresses = slice;
+                m_sentIsPoll = false;
             }
             m_outgoing = frame;
             if (!exchange()) {
@@ -637,6 +654,7 @@ long int AsynchronousClient::writeVarsImpl(const char *signature, long int *addr
             {
                 QMutexLocker data(&m_dataMutex);
                 m_sentAddresses.clear();
+                m_sentIsPoll = false;
             }
             m_outgoing = frame;
             if (!exchange())
@@ -757,6 +775,7 @@ long int AsynchronousClient::readBits(long int channel, BitType type, long int *
             QMutexLocker data(&m_dataMutex);
             m_values.clear();
             m_sentAddresses = words;
+            m_sentIsPoll = false;
         }
         m_outgoing = builtFrame(length);
         if (!exchange())

@@ -304,6 +304,7 @@ private:
     QList<QByteArray> m_threadOutgoing;    // thread mode: frames left by readVars
     QList<QList<qint32>> m_threadOutgoingAddresses;
     QList<qint32> m_sentAddresses;         // addresses of the 'B' frame on the wire
+    bool m_sentIsPoll = false;             // that frame is a poll slice
     QList<qint32> m_pending;               // readVars addresses not yet sent
     int m_schedulerKind = 0;
     int m_pollPosition = -1;
