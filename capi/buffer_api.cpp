@@ -2,21 +2,7 @@
 // every call looks it up in the buffer's handle table first, so a null or
 // already freed handle gets the null-handle result.
 #include "HRemoteBuffer.h"
-#include "velmora_global.h"
-
-#if __has_include("velmora.h")
 #include "velmora.h"
-#else
-extern "C" {
-VELMORA_EXPORT void *bufOpen(char *address, unsigned mode, unsigned channel);
-VELMORA_EXPORT int bufWrite(void *h, char *text);
-VELMORA_EXPORT int bufClear(void *h);
-VELMORA_EXPORT int bufClose(void *h);
-VELMORA_EXPORT int getBufValidCnt(void *h);
-VELMORA_EXPORT int getBufState(void *h);
-VELMORA_EXPORT char *getBufStateInf(void *h);
-}
-#endif
 
 extern "C" {
 
