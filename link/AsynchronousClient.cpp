@@ -59,9 +59,9 @@ AsynchronousClient::AsynchronousClient(QObject *parent)
 AsynchronousClient::~AsynchronousClient()
 {
     {
-        QMutexLocker lock(&m_dataMutex);
+        std::unique_lock<std::mutex> lock(m_dataMutex);
         m_quit = true;
-        m_workCond.wakeAll();
+        m_workCond.notify_all();
     }
     // The loop finishes its current exchange (at most the reply waits) and
     // closes the socket in its own thread.
@@ -82,26 +82,26 @@ void AsynchronousClient::ensureStarted()
 
 bool AsynchronousClient::runJob(Job job, const QByteArray &data, QByteArray *reply)
 {
-    QMutexLocker lock(&m_dataMutex);
+    std::unique_lock<std::mutex> lock(m_dataMutex);
     ensureStarted();
     while (m_jobBusy)
-        m_doneCond.wait(&m_dataMutex);
+        m_doneCond.wait(lock);
     m_jobBusy = true;
     m_job = job;
     m_jobData = data;
     m_jobDone = false;
-    m_workCond.wakeAll();
+    m_workCond.notify_all();
     // The socket thread bounds every job by the connect, disconnect and
     // reply waits, so this wait ends.
     while (!m_jobDone)
-        m_doneCond.wait(&m_dataMutex);
+        m_doneCond.wait(lock);
     const bool result = m_jobResult;
     if (reply)
         reply->swap(m_jobReply);
     m_jobReply.clear();
     m_jobData.clear();
     m_jobBusy = false;
-    m_doneCond.wakeAll();
+    m_doneCond.notify_all();
     return result;
 }
 
@@ -114,7 +114,7 @@ void AsynchronousClient::run()
 {
     QTcpSocket socket;
     m_socket = &socket;
-    QMutexLocker lock(&m_dataMutex);
+    std::unique_lock<std::mutex> lock(m_dataMutex);
     for (;;) {
         if (m_job != NoJob) {
             const Job job = m_job;
@@ -124,11 +124,11 @@ void AsynchronousClient::run()
             QByteArray reply;
             const bool result = performJob(job, data, &reply);
             updateLinkMirror();
-            lock.relock();
+            lock.lock();
             m_jobResult = result;
             m_jobReply = reply;
             m_jobDone = true;
-            m_doneCond.wakeAll();
+            m_doneCond.notify_all();
             continue;
         }
         if (m_quit)
@@ -144,7 +144,7 @@ void AsynchronousClient::run()
                     handleReply(reply);
                     m_exchangeState.store(1);
                     updateLinkMirror();
-                    lock.relock();
+                    lock.lock();
                     continue;
                 }
             } else if (m_connected.load()) {
@@ -152,7 +152,7 @@ void AsynchronousClient::run()
                 m_connected.store(false);
             }
         }
-        m_workCond.wait(&m_dataMutex);
+        m_workCond.wait(lock);
     }
     lock.unlock();
     if (socket.state() != QAbstractSocket::UnconnectedState)
@@ -259,7 +259,7 @@ void AsynchronousClient::updateLinkMirror()
 {
     const int state = m_socket->state();
     const QString error = m_socket->errorString();
-    QMutexLocker lock(&m_dataMutex);
+    std::unique_lock<std::mutex> lock(m_dataMutex);
     m_socketState = state;
     m_socketError = error;
 }
@@ -330,25 +330,25 @@ QByteArray AsynchronousClient::pollSlice()
 
 int AsynchronousClient::queuedCount() const
 {
-    QMutexLocker lock(&m_dataMutex);
+    std::unique_lock<std::mutex> lock(m_dataMutex);
     return m_queue.size();
 }
 
 bool AsynchronousClient::isSocketConnected() const
 {
-    QMutexLocker lock(&m_dataMutex);
+    std::unique_lock<std::mutex> lock(m_dataMutex);
     return m_socketState == QAbstractSocket::ConnectedState;
 }
 
 QString AsynchronousClient::socketErrorText() const
 {
-    QMutexLocker lock(&m_dataMutex);
+    std::unique_lock<std::mutex> lock(m_dataMutex);
     return m_socketError;
 }
 
 QMap<qint32, qint32> AsynchronousClient::valueMap() const
 {
-    QMutexLocker lock(&m_dataMutex);
+    std::unique_lock<std::mutex> lock(m_dataMutex);
     return m_values;
 }
 
@@ -373,10 +373,10 @@ void AsynchronousClient::setSyncMode(int direct)
     if (direct == m_direct.load())
         return;
     tcpDisconnect();
-    QMutexLocker lock(&m_dataMutex);
+    std::unique_lock<std::mutex> lock(m_dataMutex);
     m_direct.store(direct);
     m_stop.store(direct != 0);
-    m_workCond.wakeAll();
+    m_workCond.notify_all();
 }
 
 void AsynchronousClient::setDebugMask(int mask)
@@ -402,7 +402,7 @@ bool AsynchronousClient::linkDown(const char *signature)
 {
     QString error;
     {
-        QMutexLocker lock(&m_dataMutex);
+        std::unique_lock<std::mutex> lock(m_dataMutex);
         if (m_socketState == QAbstractSocket::ConnectedState)
             return false;
         error = m_socketError;
@@ -422,18 +422,18 @@ QByteArray AsynchronousClient::builtFrame(int length) const
 int AsynchronousClient::queueFrame(int length)
 {
     const QByteArray frame = builtFrame(length);
-    QMutexLocker lock(&m_dataMutex);
+    std::unique_lock<std::mutex> lock(m_dataMutex);
     if (m_queue.size() > m_queueLimit.load())
         return int(StatusQueueFull);
     m_queue.append(frame);
-    m_workCond.wakeAll();
+    m_workCond.notify_all();
     return int(StatusOk);
 }
 
 bool AsynchronousClient::exchangeNext()
 {
     {
-        QMutexLocker lock(&m_dataMutex);
+        std::unique_lock<std::mutex> lock(m_dataMutex);
         m_outgoing.clear();
         while (!m_queue.isEmpty() && m_outgoing.isEmpty())
             m_outgoing = m_queue.takeFirst();
@@ -510,7 +510,7 @@ void AsynchronousClient::onRecCmdReadVars(int error, const qint32 *values, int c
         return;
     }
     m_errorFlag.store(0);
-    QMutexLocker lock(&m_dataMutex);
+    std::unique_lock<std::mutex> lock(m_dataMutex);
     if (count != m_sentAddresses.size() || (count > 0 && !values)) {
         lock.unlock();
         if (debugErrors())
@@ -564,7 +564,7 @@ long int AsynchronousClient::readVarsImpl(const char *signature, long int *addre
     {
         // Registered variables are dropped here on purpose: the map is also
         // the result table of this call.
-        QMutexLocker data(&m_dataMutex);
+        std::unique_lock<std::mutex> data(m_dataMutex);
         m_values.clear();
         m_pending.clear();
         m_outgoing.clear();
@@ -584,7 +584,7 @@ long int AsynchronousClient::readVarsImpl(const char *signature, long int *addre
         const QByteArray frame = builtFrame(buildReadVars(slice));
         if (isDirectMode()) {
             {
-                QMutexLocker data(&m_dataMutex);
+                std::unique_lock<std::mutex> data(m_dataMutex);
                 m_sentAddresses = slice;
                 m_sentIsPoll = false;
             }
@@ -596,13 +596,13 @@ long int AsynchronousClient::readVarsImpl(const char *signature, long int *addre
             if (m_errorFlag.load())
                 status = StatusErrorReply;
         } else {
-            QMutexLocker data(&m_dataMutex);
+            std::unique_lock<std::mutex> data(m_dataMutex);
             m_threadOutgoing.append(frame);
             m_threadOutgoingAddresses.append(slice);
-            m_workCond.wakeAll();
+            m_workCond.notify_all();
         }
     }
-    QMutexLocker data(&m_dataMutex);
+    std::unique_lock<std::mutex> data(m_dataMutex);
     for (int i = 0; i < count; ++i)
         values[i] = m_values.value(qint32(addresses[i]), 0);
     return status;
@@ -652,7 +652,7 @@ long int AsynchronousClient::writeVarsImpl(const char *signature, long int *addr
         done += n;
         if (isDirectMode()) {
             {
-                QMutexLocker data(&m_dataMutex);
+                std::unique_lock<std::mutex> data(m_dataMutex);
                 m_sentAddresses.clear();
                 m_sentIsPoll = false;
             }
@@ -662,10 +662,10 @@ long int AsynchronousClient::writeVarsImpl(const char *signature, long int *addr
             if (m_errorFlag.load())
                 status = StatusErrorReply;
         } else {
-            QMutexLocker data(&m_dataMutex);
+            std::unique_lock<std::mutex> data(m_dataMutex);
             m_threadOutgoing.append(frame);
             m_threadOutgoingAddresses.append(QList<qint32>());
-            m_workCond.wakeAll();
+            m_workCond.notify_all();
         }
     }
     return status;
@@ -687,11 +687,11 @@ void AsynchronousClient::registerVars(long int *addresses, int count)
 {
     if (!addresses || count < 1)
         return;
-    QMutexLocker data(&m_dataMutex);
+    std::unique_lock<std::mutex> data(m_dataMutex);
     for (int i = 0; i < count; ++i)
         if (validAddress(addresses[i]))
             m_values.insert(qint32(addresses[i]), 0);
-    m_workCond.wakeAll();
+    m_workCond.notify_all();
 }
 
 void AsynchronousClient::removeVars(long int *addresses, int count)
@@ -699,7 +699,7 @@ void AsynchronousClient::removeVars(long int *addresses, int count)
     QMutexLocker lock(&m_mutex);
     if (!addresses || count < 1)
         return;
-    QMutexLocker data(&m_dataMutex);
+    std::unique_lock<std::mutex> data(m_dataMutex);
     for (int i = 0; i < count; ++i)
         if (validAddress(addresses[i]))
             m_values.remove(qint32(addresses[i]));
@@ -710,7 +710,7 @@ void AsynchronousClient::clearVars()
     QMutexLocker lock(&m_mutex);
     if (isDirectMode())
         return;
-    QMutexLocker data(&m_dataMutex);
+    std::unique_lock<std::mutex> data(m_dataMutex);
     m_values.clear();
     m_pollPosition = -1;
 }
@@ -772,7 +772,7 @@ long int AsynchronousClient::readBits(long int channel, BitType type, long int *
         if (length <= 0)
             return StatusParError;
         {
-            QMutexLocker data(&m_dataMutex);
+            std::unique_lock<std::mutex> data(m_dataMutex);
             m_values.clear();
             m_sentAddresses = words;
             m_sentIsPoll = false;
@@ -783,7 +783,7 @@ long int AsynchronousClient::readBits(long int channel, BitType type, long int *
         if (m_errorFlag.load())
             status = StatusErrorReply;
     }
-    QMutexLocker data(&m_dataMutex);
+    std::unique_lock<std::mutex> data(m_dataMutex);
     for (int i = 0; i < count; ++i) {
         const quint32 word = quint32(m_values.value(words.at(i), 0));
         values[i] = (word >> bitInWord(bits[i])) & 1u;
@@ -803,10 +803,10 @@ long int AsynchronousClient::registerBits(long int channel, BitType type, long i
     }
     if (bitsCheck(kRegisterBitsSig, channel, type, bits, count, nullptr, false) != StatusOk)
         return StatusParError;
-    QMutexLocker data(&m_dataMutex);
+    std::unique_lock<std::mutex> data(m_dataMutex);
     for (int i = 0; i < count; ++i)
         m_values.insert(bitWordAddress(channel, type, bits[i]), 0);
-    m_workCond.wakeAll();
+    m_workCond.notify_all();
     return StatusOk;
 }
 
@@ -822,7 +822,7 @@ long int AsynchronousClient::removeBits(long int channel, BitType type, long int
     }
     if (bitsCheck(kRemoveBitsSig, channel, type, bits, count, nullptr, false) != StatusOk)
         return StatusParError;
-    QMutexLocker data(&m_dataMutex);
+    std::unique_lock<std::mutex> data(m_dataMutex);
     for (int i = 0; i < count; ++i)
         m_values.remove(bitWordAddress(channel, type, bits[i]));
     return StatusOk;

@@ -9,9 +9,10 @@
 #include <QMutex>
 #include <QString>
 #include <QThread>
-#include <QWaitCondition>
 
 #include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <functional>
 
 class QTcpSocket;
@@ -160,7 +161,7 @@ protected:
     bool debugErrors() const { return m_debugMask.load() & 1; }
     bool debugDetails() const { return m_debugMask.load() & 2; }
     QMutex *clientMutex() { return &m_mutex; }
-    QMutex *dataMutex() const { return &m_dataMutex; }
+    std::mutex *dataMutex() const { return &m_dataMutex; }
 
     // Reply handlers of the link itself.
     void onRecCmdReadVars(int error, const qint32 *values, int count) override;
@@ -295,9 +296,10 @@ private:
     bool m_currentWrAddressFlag = false;
 
     // Guarded by m_dataMutex.
-    mutable QMutex m_dataMutex;
-    QWaitCondition m_workCond;   // wakes the socket thread
-    QWaitCondition m_doneCond;   // wakes callers of runJob
+    // Standard primitives here: they are also visible to ThreadSanitizer.
+    mutable std::mutex m_dataMutex;
+    std::condition_variable m_workCond;   // wakes the socket thread
+    std::condition_variable m_doneCond;   // wakes callers of runJob
     QMap<qint32, qint32> m_values;
     QList<QByteArray> m_queue;
     QByteArray m_outgoing;                 // direct mode: the frame to send
