@@ -1,11 +1,21 @@
 #!/usr/bin/env bash
-# The main job: a simulated controller on 127.0.0.1 and the command-line
-# tool talking to it. Usage: scripts/demo.sh BUILD_DIR
+# The main job: the Velmora parameter window (velmora-demo) on a simulated
+# controller that the demo starts in-process on 127.0.0.1, its values changing
+# with every 200 ms refresh.
+#   with a display:  the window opens (close it to end)
+#   headless:        the window is rendered offscreen to BUILD_DIR/velmora-demo.png
+# Usage: scripts/demo.sh BUILD_DIR [velmora-demo options, e.g. an address or --panels N]
 set -euo pipefail
 build=$1; shift || true
-"$build/sim/velmora-sim" --address 127.0.0.1 &
-sim=$!
-trap 'kill $sim 2>/dev/null || true' EXIT
-sleep 0.5
-"$build/tools/velmora-cli" 127.0.0.1 wdt
-"$build/tools/velmora-cli" 127.0.0.1 read 1000000 1000001 1000002
+demo="$build/app/velmora-demo"
+if [ ! -x "$demo" ]; then
+  echo "demo.sh: $demo is missing; build first (scripts/velmora.sh setup)" >&2
+  exit 1
+fi
+if [ -z "${DISPLAY:-}" ] && [ -z "${WAYLAND_DISPLAY:-}" ]; then
+  out=${VELMORA_DEMO_PNG:-$build/velmora-demo.png}
+  QT_QPA_PLATFORM=offscreen "$demo" --screenshot "$out" "$@"
+  echo "No display: the main window was rendered to $out"
+else
+  exec "$demo" "$@"
+fi
