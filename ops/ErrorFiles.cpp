@@ -127,6 +127,7 @@ char *AsynchronousClient::getCncCurrentError(long int selector)
         return m_cncErrorText.data();
     };
 
+    m_readFileState.store(0);   // only this call's replies count
     long int result = queueFrame(buildOpenReadFile(path.constData()));
     if (isDirectMode()) {
         if (!exchangeNext())
