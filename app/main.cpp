@@ -58,7 +58,9 @@ int main(int argc, char *argv[])
     parser.addOption(panelsOpt);
     parser.process(app);
 
-    const QString screenshot = parser.value(screenshotOpt);
+    // Absolute before the working directory changes below.
+    const QString screenshot = parser.isSet(screenshotOpt)
+        ? QFileInfo(parser.value(screenshotOpt)).absoluteFilePath() : QString();
     const int panels = qBound(1, parser.value(panelsOpt).toInt(), 8);
     QString address = parser.positionalArguments().value(0);
 
@@ -89,7 +91,7 @@ int main(int argc, char *argv[])
         window.show();
 
         if (!screenshot.isEmpty()) {
-            const QString file = QFileInfo(screenshot).absoluteFilePath();
+            const QString file = screenshot;
             QTimer::singleShot(kScreenshotDelayMs, &window, [&window, &rc, file]() {
                 if (window.grab().save(file, "PNG")) {
                     printf("velmora-demo: screenshot written to %s\n", qPrintable(file));

@@ -6,7 +6,7 @@
 #   headless:        the window is rendered offscreen to BUILD_DIR/velmora-demo.png
 # Usage: scripts/demo.sh BUILD_DIR [velmora-demo options, e.g. an address or --panels N]
 set -euo pipefail
-build=$1; shift || true
+build=$(cd "$1" && pwd); shift || true
 demo="$build/app/velmora-demo"
 if [ ! -x "$demo" ]; then
   echo "demo.sh: $demo is missing; build first (scripts/velmora.sh setup)" >&2
@@ -15,7 +15,6 @@ fi
 if [ -z "${DISPLAY:-}" ] && [ -z "${WAYLAND_DISPLAY:-}" ]; then
   out=${VELMORA_DEMO_PNG:-$build/velmora-demo.png}
   QT_QPA_PLATFORM=offscreen "$demo" --screenshot "$out" "$@"
-  echo "No display: the main window was rendered to $out"
 else
   exec "$demo" "$@"
 fi
