@@ -21,6 +21,7 @@
 namespace {
 const int kUpdateIntervalMs = 200;
 const char kValueHeading[] = "Value";
+const int kMaxColumns = 256;
 }
 
 splitForm::splitForm(QWidget *parent)
@@ -118,7 +119,9 @@ QTableWidget *splitForm::createTable(const SubFunctionRecord &sub)
     connect(pasteAction, &QAction::triggered, this, &splitForm::pasteColumData);
 
     const int rows = sub.addresses.size();
-    table->setColumnCount(sub.displaySize);
+    // A damaged Size must not build a table no one can show.
+    const int columns = qBound(0, int(sub.displaySize), kMaxColumns);
+    table->setColumnCount(columns);
     table->setRowCount(rows);
     table->setHorizontalHeaderLabels(sub.subItems);
     table->setVerticalHeaderLabels(sub.addresses);
@@ -126,7 +129,7 @@ QTableWidget *splitForm::createTable(const SubFunctionRecord &sub)
     table->verticalHeader()->setSectionResizeMode(QHeaderView::Stretch);
     table->setEditTriggers(QAbstractItemView::NoEditTriggers);
 
-    for (int c = 0; c < sub.displaySize; ++c) {
+    for (int c = 0; c < columns; ++c) {
         const QString heading = c < sub.subItems.size() ? sub.subItems.at(c) : QString();
         const QStringList *source = nullptr;
         if (heading == QLatin1String("Name"))
