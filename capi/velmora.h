@@ -13,8 +13,11 @@
  *
  * Note for C hosts: this header declares `connect(int)`, which clashes with
  * the declaration of <sys/socket.h>. A translation unit cannot include both;
- * keep the host's own socket code in a separate file. At run time the two do
- * not collide: the library's symbols carry the version node VELMORA_1.0.
+ * keep the host's own socket code in a separate file. The library's symbols
+ * carry the version node VELMORA_1.0, so other libraries (Qt among them)
+ * keep reaching the C library's connect. A program that itself calls both
+ * links only one `connect`: it reaches the C library's one by version, e.g.
+ * dlvsym(RTLD_DEFAULT, "connect", "GLIBC_2.2.5") on x86-64 Linux.
  */
 #ifndef VELMORA_H
 #define VELMORA_H

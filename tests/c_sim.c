@@ -1,0 +1,35 @@
+#define _POSIX_C_SOURCE 200809L
+#include "c_sim.h"
+
+#include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <time.h>
+
+extern char **environ;
+
+pid_t c_sim_start(const char *simPath, const char *address)
+{
+    char *argv[] = { (char *)simPath, (char *)"--address", (char *)address, (char *)"--quiet", 0 };
+    pid_t pid = -1;
+    if (posix_spawn(&pid, simPath, 0, 0, argv, environ) != 0)
+        return -1;
+    return pid;
+}
+
+void c_sim_stop(pid_t pid)
+{
+    int status = 0;
+    if (pid <= 0)
+        return;
+    kill(pid, SIGTERM);
+    waitpid(pid, &status, 0);
+}
+
+void c_sleep_ms(int ms)
+{
+    struct timespec t;
+    t.tv_sec = ms / 1000;
+    t.tv_nsec = (long)(ms % 1000) * 1000000L;
+    nanosleep(&t, 0);
+}
