@@ -109,7 +109,9 @@ char *AsynchronousClient::getCncCurrentError(long int selector)
     writeVarLocked(kErrorFileChannelVar, qint32(selector / 10));
     writeVarLocked(kErrorFileKindVar, qint32(selector % 10 + 1));
     QThread::msleep(kErrorFileWaitMs);
-    qint32 kind = 1;   // a read that brings nothing counts as not written
+    // A read that brings nothing counts as not written; in thread mode the
+    // file-variable calls send nothing, so the answer there is '8'.
+    qint32 kind = 1;
     readVarLocked(kErrorFileKindVar, &kind);
     if (kind != 0) {
         if (debugErrors())

@@ -263,6 +263,19 @@ private slots:
         QCOMPARE(m_client->getRuningPrg(2), QByteArray("o"));
     }
 
+    void runningProgramThreadMode()
+    {
+        // The client's thread sends the query; the answer is read after a
+        // 200 ms pause.
+        m_client.reset(new OpsClient);
+        m_client->setSyncMode(0);
+        QVERIFY(m_client->tcpConnect(kSimAddress.toLatin1()));
+        m_sim->setRunningProgram(3, "O3003");
+        QCOMPARE(m_client->getRuningPrg(3), QByteArray("O3003"));
+        m_sim->setSilence('g');
+        QCOMPARE(m_client->getRuningPrg(3), QByteArray("Unknown"));
+    }
+
     // ---- File transfer
 
     void announceFile_data()
