@@ -6,6 +6,7 @@
 //   velmora-cli [-v] ADDRESS start CH FILE
 //   velmora-cli [-v] ADDRESS upload CH TYPE NAME FILE
 //   velmora-cli [-v] ADDRESS errors SELECTOR
+//   velmora-cli [-v] ADDRESS running CH
 // Prints results and the status of each call; exits 0 when every status is 0.
 #include "velmora.h"
 
@@ -33,6 +34,7 @@ int usage()
                  "  start CH FILE              start a program\n"
                  "  upload CH TYPE NAME FILE   copy a local FILE into DNC memory as NAME\n"
                  "  errors SELECTOR            current (10*ch) or history (10*ch+1) error file\n"
+                 "  running CH                 name of the program running on a channel\n"
                  "  -v                         show the library's diagnostic lines\n");
     return 2;
 }
@@ -121,6 +123,15 @@ int run(const std::vector<std::string> &args)
         // The first character is the status digit, the file follows.
         std::printf("%s\n", text[0] ? text + 1 : "");
         return report("getCncCurrentError", text[0] ? text[0] - '0' : 1);
+    }
+
+    if (command == "running" && args.size() == 2 && toLong(args[1], &channel)) {
+        const char *name = getRuningPrg(int(channel), kCncID);
+        if (!name)
+            return report("getRuningPrg", 1);
+        // "o" alone is the no-reply status carried as a character.
+        std::printf("%s\n", name);
+        return report("getRuningPrg", std::strcmp(name, "o") == 0 ? 111 : 0);
     }
     return usage();
 }
