@@ -299,7 +299,8 @@ private:
     // Standard primitives here: they are also visible to ThreadSanitizer.
     mutable std::mutex m_dataMutex;
     std::condition_variable m_workCond;   // wakes the socket thread
-    std::condition_variable m_doneCond;   // wakes callers of runJob
+    std::condition_variable m_doneCond;   // wakes the caller whose job is done
+    std::condition_variable m_slotCond;   // wakes callers waiting for the job slot
     QMap<qint32, qint32> m_values;
     QList<QByteArray> m_queue;
     QByteArray m_outgoing;                 // direct mode: the frame to send
