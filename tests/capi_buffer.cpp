@@ -223,7 +223,9 @@ void openCloseLoop()
     const long growth = rssKb() - rssBefore;
     std::printf("open/close x%d: threads %d -> %d, VmRSS growth %ld kB\n", rounds, threadsBefore,
                 threadCount(), growth);
+#ifndef __SANITIZE_ADDRESS__   // freed memory sits in quarantine there; LeakSanitizer checks instead
     CHECK(growth < 8 * 1024);
+#endif
 }
 
 } // namespace
