@@ -9,7 +9,17 @@
 #include <QTcpSocket>
 #include <QVector>
 
+#include <cerrno>
 #include <cstring>
+
+#ifdef Q_OS_WIN
+#  include <winsock2.h>
+typedef SOCKET NativeSocket;
+#else
+#  include <poll.h>
+#  include <sys/socket.h>
+typedef int NativeSocket;
+#endif
 
 namespace {
 
@@ -38,6 +48,68 @@ bool allValid(const long int *addresses, int count)
     for (int i = 0; i < count; ++i)
         if (!validAddress(addresses[i]))
             return false;
+    return true;
+}
+
+// Direct-mode exchanges run on the socket's descriptor in the caller's
+// thread: a hand-off to the socket thread costs two context switches per
+// request, as much as the round trip itself. The QTcpSocket object is only
+// touched by its own thread, and that thread is kept out (job slot) while a
+// caller uses the descriptor.
+#ifdef Q_OS_WIN
+const int kRecvFlags = 0;
+const int kSendFlags = 0;
+bool wouldBlock() { return WSAGetLastError() == WSAEWOULDBLOCK; }
+int pollOne(pollfd *p, int ms) { return WSAPoll(p, 1, ms); }
+#else
+const int kRecvFlags = MSG_DONTWAIT;
+const int kSendFlags = MSG_DONTWAIT | MSG_NOSIGNAL;   // a closed peer must not raise SIGPIPE in the host
+bool wouldBlock() { return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR; }
+int pollOne(pollfd *p, int ms) { return ::poll(p, 1, ms); }
+#endif
+
+bool rawWait(NativeSocket fd, short events, int ms)
+{
+    pollfd p;
+    p.fd = fd;
+    p.events = events;
+    p.revents = 0;
+    return pollOne(&p, ms) > 0;   // hang-up and error count too: the read reports them
+}
+
+// Reads what has arrived without blocking; sets *closed at end of stream or
+// on an error.
+int rawReadAvailable(NativeSocket fd, QByteArray *into, bool *closed)
+{
+    char buffer[4096];
+    int total = 0;
+    for (;;) {
+        const auto n = ::recv(fd, buffer, int(sizeof buffer), kRecvFlags);
+        if (n > 0) {
+            if (into)
+                into->append(buffer, int(n));
+            total += int(n);
+            continue;
+        }
+        if (n == 0 || !wouldBlock())
+            *closed = true;
+        return total;
+    }
+}
+
+bool rawWriteAll(NativeSocket fd, const QByteArray &data, int waitMs)
+{
+    int done = 0;
+    while (done < data.size()) {
+        const auto n = ::send(fd, data.constData() + done, int(data.size() - done), kSendFlags);
+        if (n > 0) {
+            done += int(n);
+            continue;
+        }
+        if (n < 0 && wouldBlock() && rawWait(fd, POLLOUT, waitMs))
+            continue;
+        return false;
+    }
     return true;
 }
 
@@ -80,7 +152,7 @@ void AsynchronousClient::ensureStarted()
     start(isDirectMode() ? QThread::InheritPriority : QThread::TimeCriticalPriority);
 }
 
-bool AsynchronousClient::runJob(Job job, const QByteArray &data, QByteArray *reply)
+bool AsynchronousClient::runJob(Job job, const QByteArray &data)
 {
     std::unique_lock<std::mutex> lock(m_dataMutex);
     ensureStarted();
@@ -100,9 +172,6 @@ bool AsynchronousClient::runJob(Job job, const QByteArray &data, QByteArray *rep
     while (!m_jobDone)
         m_doneCond.wait(lock);
     const bool result = m_jobResult;
-    if (reply)
-        reply->swap(m_jobReply);
-    m_jobReply.clear();
     m_jobData.clear();
     m_jobBusy = false;
     lock.unlock();
@@ -126,12 +195,10 @@ void AsynchronousClient::run()
             m_job = NoJob;
             const QByteArray data = m_jobData;
             lock.unlock();
-            QByteArray reply;
-            const bool result = performJob(job, data, &reply);
+            const bool result = performJob(job, data);
             updateLinkMirror();
             lock.lock();
             m_jobResult = result;
-            m_jobReply.swap(reply);
             m_jobDone = true;
             lock.unlock();
             m_doneCond.notify_one();
@@ -167,7 +234,7 @@ void AsynchronousClient::run()
     m_socket = nullptr;
 }
 
-bool AsynchronousClient::performJob(Job job, const QByteArray &data, QByteArray *reply)
+bool AsynchronousClient::performJob(Job job, const QByteArray &data)
 {
     QTcpSocket &socket = *m_socket;
     switch (job) {
@@ -217,8 +284,6 @@ bool AsynchronousClient::performJob(Job job, const QByteArray &data, QByteArray 
             || socket.waitForDisconnected(kConnectWaitMs))
             m_connected.store(false);
         return true;
-    case ExchangeJob:
-        return socketExchange(data, reply);
     case NoJob:
         break;
     }
@@ -266,9 +331,11 @@ void AsynchronousClient::updateLinkMirror()
 {
     const int state = m_socket->state();
     const QString error = m_socket->errorString();
+    const qintptr descriptor = state == QAbstractSocket::ConnectedState ? m_socket->socketDescriptor() : -1;
     std::unique_lock<std::mutex> lock(m_dataMutex);
     m_socketState = state;
     m_socketError = error;
+    m_descriptor = descriptor;
 }
 
 int AsynchronousClient::handleReply(const QByteArray &reply)
@@ -364,14 +431,14 @@ QMap<qint32, qint32> AsynchronousClient::valueMap() const
 
 bool AsynchronousClient::tcpConnect(const QByteArray &ip)
 {
-    return runJob(ConnectJob, ip, nullptr);
+    return runJob(ConnectJob, ip);
 }
 
 long int AsynchronousClient::tcpDisconnect()
 {
     if (!isSocketConnected())
         return 1;
-    runJob(DisconnectJob, QByteArray(), nullptr);
+    runJob(DisconnectJob, QByteArray());
     return 1;
 }
 
@@ -450,13 +517,50 @@ bool AsynchronousClient::exchangeNext()
     return exchange();
 }
 
+bool AsynchronousClient::directExchange(const QByteArray &frame, QByteArray *reply)
+{
+    NativeSocket fd;
+    {
+        std::unique_lock<std::mutex> lock(m_dataMutex);
+        while (m_jobBusy)
+            m_slotCond.wait(lock);
+        if (m_descriptor < 0 || m_socketState != QAbstractSocket::ConnectedState)
+            return false;
+        m_jobBusy = true;   // connect and disconnect wait until the descriptor is free
+        fd = NativeSocket(m_descriptor);
+    }
+    bool closed = false;
+    rawReadAvailable(fd, nullptr, &closed);   // stale bytes, e.g. the rest of a split reply
+    bool replied = false;
+    if (!closed && rawWriteAll(fd, frame, kReplyWaitMs)) {
+        // Three waits, ending at the first byte: the reply is not reassembled.
+        for (int i = 0; i < kReplyWaits && !replied && !closed; ++i)
+            if (rawWait(fd, POLLIN, kReplyWaitMs))
+                replied = rawReadAvailable(fd, reply, &closed) > 0;
+        if (!replied && debugErrors())
+            qDebug() << kReadyReadSig << "2 Error." << 0;
+    } else {
+        closed = true;
+    }
+    {
+        std::unique_lock<std::mutex> lock(m_dataMutex);
+        m_jobBusy = false;
+        if (closed) {
+            m_socketState = QAbstractSocket::UnconnectedState;
+            m_socketError = QStringLiteral("The remote host closed the connection");
+        }
+    }
+    m_slotCond.notify_one();
+    return replied;
+}
+
 bool AsynchronousClient::exchange()
 {
     if (m_outgoing.isEmpty())
         return false;
     m_exchangeState.store(2);
     QByteArray reply;
-    const bool replied = runJob(ExchangeJob, m_outgoing, &reply);
+    const bool replied = directExchange(m_outgoing, &reply);
     handleReply(reply);
     m_exchangeState.store(1);
     m_outgoing.clear();

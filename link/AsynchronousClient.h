@@ -22,9 +22,11 @@ class QTcpSocket;
 // Threads: the socket belongs to this object's own thread (run()), in both
 // modes, because a QTcpSocket may only be used from the thread that created
 // it and host threads are arbitrary (plain pthreads, no QCoreApplication).
-//  - direct mode: an operation holds the client lock, builds its frame and
-//    hands it to the socket thread, which writes it and returns the reply
-//    bytes; the caller parses them. Handlers therefore run in the caller.
+//  - direct mode: the socket thread connects and disconnects. An operation
+//    holds the client lock, builds its frame and exchanges it on the
+//    socket's descriptor in its own thread (no hand-off, no context switch),
+//    while the socket thread is kept out; the caller parses the reply, so
+//    handlers run in the caller.
 //  - thread mode: the socket thread also runs the scheduler (queued commands
 //    and poll slices of registered variables) and parses replies itself.
 //    With nothing registered and nothing queued it blocks on a condition.
@@ -254,14 +256,16 @@ protected:
     // ---- end of controller operations
 
 private:
-    enum Job { NoJob, ConnectJob, DisconnectJob, ExchangeJob };
+    enum Job { NoJob, ConnectJob, DisconnectJob };
 
-    // Caller side of the socket thread: hands a job over and waits (bounded).
-    bool runJob(Job job, const QByteArray &data, QByteArray *reply);
+    // Caller side of the socket thread: hands connect or disconnect over and
+    // waits (bounded by their own waits).
+    bool runJob(Job job, const QByteArray &data);
     void ensureStarted();
     // Socket thread side.
-    bool performJob(Job job, const QByteArray &data, QByteArray *reply);
+    bool performJob(Job job, const QByteArray &data);
     bool socketExchange(const QByteArray &frame, QByteArray *reply);
+    bool directExchange(const QByteArray &frame, QByteArray *reply);
     bool myReadyRead();
     void updateLinkMirror();
     // Next frame of the thread loop (under m_dataMutex); empty when idle.
@@ -319,8 +323,8 @@ private:
     bool m_jobDone = false;
     bool m_jobResult = false;
     QByteArray m_jobData;
-    QByteArray m_jobReply;
     int m_socketState = 0;                 // QAbstractSocket::SocketState mirror
+    qintptr m_descriptor = -1;             // while connected, for direct-mode exchanges
     QString m_socketError;
 };
 
