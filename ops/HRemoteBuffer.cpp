@@ -111,10 +111,16 @@ void HRemoteBuffer::scheduleDeletion()
         else
             delete this;
     };
-    if (isFinished())
+    if (isFinished()) {
         finish();
-    else
+        return;
+    }
+    try {
         std::thread(finish).detach();
+    } catch (...) {
+        // No thread to spare: finish here rather than leak or throw into the host.
+        finish();
+    }
 }
 
 const char *HRemoteBuffer::fileName() const
