@@ -4,6 +4,7 @@
 #   scripts/velmora.sh demo   - build and run the main job (simulator on loopback)
 #   scripts/velmora.sh test   - build and run the whole test suite
 #   scripts/velmora.sh fuzz   - sanitizer build of the fuzz targets, 30 s each
+#   scripts/velmora.sh tsan   - ThreadSanitizer build running the thread and concurrency tests
 #   scripts/velmora.sh setup  - only install packages, configure and build
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -46,6 +47,13 @@ case "${1:-demo}" in
     configure_and_build "$build"
     cd "$build"
     ctest --output-on-failure -j "$jobs" ;;
+  tsan)
+    tb=${VELMORA_TSAN_BUILD_DIR:-$root/build-tsan}
+    configure_and_build "$tb" -DVELMORA_TSAN=ON
+    cd "$tb"
+    # Reports are failures; the Qt libraries themselves are not instrumented.
+    TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 ${TSAN_OPTIONS:-}" \
+      ctest --output-on-failure -L threads -j "$jobs" ;;
   fuzz)
     fb=${VELMORA_FUZZ_BUILD_DIR:-$root/build-fuzz}
     # Only the fuzz targets: the rest of the project is not needed under the sanitizers.
@@ -62,5 +70,5 @@ case "${1:-demo}" in
       rm -rf "$work"
     done ;;
   *)
-    echo "usage: $0 demo|test|fuzz|setup" >&2; exit 2 ;;
+    echo "usage: $0 demo|test|tsan|fuzz|setup" >&2; exit 2 ;;
 esac
