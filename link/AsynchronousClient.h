@@ -241,7 +241,7 @@ protected:
     bool m_moreToRead = false;
     bool m_somethingRead = false;
     QByteArray m_cncErrorText;
-    mutable QMutex m_opsMutex;
+    mutable std::mutex m_opsMutex;     // a standard one: visible to ThreadSanitizer
     QMap<int, QByteArray> m_recTexts;   // 'g' replies by key
     QList<qint32> m_oscPoints;
 

@@ -36,7 +36,7 @@ long int AsynchronousClient::getOscPoint(long int selector, long int *out, int c
         return StatusParError;
     }
     {
-        QMutexLocker data(&m_opsMutex);
+        std::lock_guard<std::mutex> data(m_opsMutex);
         m_oscPoints.clear();
     }
     // A count outside 1..maxRdVar builds nothing; the empty entry is queued
@@ -50,7 +50,7 @@ long int AsynchronousClient::getOscPoint(long int selector, long int *out, int c
         if (!m_errorFlag.load())
             result = StatusErrorReply;
     }
-    QMutexLocker data(&m_opsMutex);
+    std::lock_guard<std::mutex> data(m_opsMutex);
     if (m_oscPoints.isEmpty())
         return StatusNoPoints;
     // Every point held goes out, even past count; short replies are padded
@@ -87,7 +87,7 @@ void AsynchronousClient::onRecCmdSetOscTransEn(int state)
 void AsynchronousClient::onRecCmdGetOscPoint(int state, const qint32 *points, int count)
 {
     m_errorFlag.store(state == 1 ? 0 : 1);
-    QMutexLocker data(&m_opsMutex);
+    std::lock_guard<std::mutex> data(m_opsMutex);
     for (int i = 0; points && i < count; ++i)
         m_oscPoints.append(points[i]);
 }

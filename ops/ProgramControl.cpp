@@ -62,7 +62,7 @@ QByteArray AsynchronousClient::getRuningPrg(int channel)
         return QByteArray();
     {
         // A name from an earlier query must not pass for this answer.
-        QMutexLocker data(&m_opsMutex);
+        std::lock_guard<std::mutex> data(m_opsMutex);
         m_recTexts.clear();
     }
     const QByteArray name = QByteArray::number(quint8(channel));
@@ -78,7 +78,7 @@ QByteArray AsynchronousClient::getRuningPrg(int channel)
         // The client's thread sends it; give it the time of one answer.
         wait(kThreadModeWaitMs);
     }
-    QMutexLocker data(&m_opsMutex);
+    std::lock_guard<std::mutex> data(m_opsMutex);
     return m_recTexts.value(kRunningProgramKey, QByteArrayLiteral("Unknown"));
 }
 
@@ -115,6 +115,6 @@ void AsynchronousClient::onRecCmdGetStr(int selector, const char *text, int leng
     const int end = value.indexOf('\0');
     if (end >= 0)
         value.truncate(end);
-    QMutexLocker data(&m_opsMutex);
+    std::lock_guard<std::mutex> data(m_opsMutex);
     m_recTexts.insert(selector, value);
 }
