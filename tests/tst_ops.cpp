@@ -456,6 +456,9 @@ private slots:
         QCOMPARE(m_client->uploadFile(0, 1, name, text), 1L);
         QVERIFY(m_sim->waitForRequests(1, 2000));
         QCOMPARE(m_sim->requests().first(), hex("00000000 0800 00 64 01 01 05 5031 00"));
+        // The reply opens the transfer afterwards (and is handled before the
+        // client goes away).
+        QTRY_VERIFY_WITH_TIMEOUT(m_client->isSetFileOk(), 3000);
     }
 
     // ---- Error files
