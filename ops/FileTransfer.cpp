@@ -127,12 +127,13 @@ long int AsynchronousClient::overwrite(char *txt)
         m_mutex.unlock();
         return StatusParError;
     }
+    const bool traceBytes = debugDetails();
     char chunk[kChunkSize + 1] = {};
     int n = 0;
     // 7-bit text only: a byte of 0x80 or above ends the transfer there.
     while (n < kChunkSize && static_cast<signed char>(txt[n]) > 0) {
         chunk[n] = txt[n];
-        if (debugDetails())
+        if (traceBytes)
             logChunkByte(kOverwriteSig, n, n, txt[n]);
         ++n;
     }
@@ -173,6 +174,7 @@ long int AsynchronousClient::append(char *txt)
         m_mutex.unlock();
         return StatusParError;
     }
+    const bool traceBytes = debugDetails();
     m_moreToSend.store(true);
     int k = 0;
     long int result = StatusOk;
@@ -186,7 +188,7 @@ long int AsynchronousClient::append(char *txt)
                 break;
             }
             chunk[c] = source[c];
-            if (debugDetails())
+            if (traceBytes)
                 logChunkByte(kAppendSig, c, kChunkSize * k + c, source[c]);
         }
         const long int queued = queueFrame(buildAppendTxt(chunk));
