@@ -138,6 +138,7 @@ AsynchronousClient::~AsynchronousClient()
     // The loop finishes its current exchange (at most the reply waits) and
     // closes the socket in its own thread.
     wait();
+    std::unique_lock<std::mutex> lock(m_dataMutex);
 }
 
 // ---------------------------------------------------------------------------
@@ -231,7 +232,11 @@ void AsynchronousClient::run()
     lock.unlock();
     if (socket.state() != QAbstractSocket::UnconnectedState)
         socket.abort();
+    // Ends under the data lock, which the destructor takes after wait():
+    // QThread::wait() is no synchronisation that ThreadSanitizer can see.
+    lock.lock();
     m_socket = nullptr;
+    m_descriptor = -1;
 }
 
 bool AsynchronousClient::performJob(Job job, const QByteArray &data)
@@ -422,8 +427,13 @@ QString AsynchronousClient::socketErrorText() const
 
 QMap<qint32, qint32> AsynchronousClient::valueMap() const
 {
+    // A deep copy: a shared one would let the socket thread's next insert
+    // decide about detaching from a reference count it reads unordered.
+    QMap<qint32, qint32> copy;
     std::unique_lock<std::mutex> lock(m_dataMutex);
-    return m_values;
+    for (auto it = m_values.constBegin(); it != m_values.constEnd(); ++it)
+        copy.insert(copy.constEnd(), it.key(), it.value());
+    return copy;
 }
 
 // ---------------------------------------------------------------------------

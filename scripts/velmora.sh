@@ -52,7 +52,7 @@ case "${1:-demo}" in
     configure_and_build "$tb" -DVELMORA_TSAN=ON
     cd "$tb"
     # Reports are failures; the Qt libraries themselves are not instrumented.
-    TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 ${TSAN_OPTIONS:-}" \
+    TSAN_OPTIONS="suppressions=$root/tests/tsan.supp halt_on_error=1 second_deadlock_stack=1 ${TSAN_OPTIONS:-}" \
       ctest --output-on-failure -L threads -j "$jobs" ;;
   fuzz)
     fb=${VELMORA_FUZZ_BUILD_DIR:-$root/build-fuzz}
