@@ -178,6 +178,18 @@ private slots:
         QCOMPARE(l.sim->variable(3000002), -123456);
     }
 
+    void readVarsDropsRegisteredVariables()
+    {
+        Link l = link(25);
+        QVERIFY(l.sim);
+        long int registered[2] = { 1000100, 1000101 };
+        l.client->registerVars(registered, 2);
+        QCOMPARE(l.client->valueMap().size(), 2);
+        long int address = 1000200, value = 0;
+        QCOMPARE(l.client->readVars(&address, 1, &value), 0L);
+        QCOMPARE(l.client->valueMap().keys(), QList<qint32>{ 1000200 });
+    }
+
     void badArgumentsSendNothing()
     {
         Link l = link(13);
