@@ -3,61 +3,37 @@
 #include "SimFrame.h"
 #include "SimServer.h"
 
-#include <QDeadlineTimer>
-#include <QMutexLocker>
 #include <QStringList>
+#include <QThread>
 
-namespace {
-
-// The serving thread owns the server object from birth to death, so every
-// socket and timer is created and destroyed on it.
-class SimThread : public QThread
-{
-public:
-    explicit SimThread(ControllerSimPrivate *d) : d(d) {}
-    bool listening = false;
-    QSemaphore ready;
-
-protected:
-    void run() override
-    {
-        SimServer server(d);
-        listening = server.listen();
-        ready.release();
-        if (listening)
-            exec();
-    }
-
-private:
-    ControllerSimPrivate *d;
-};
-
-} // namespace
+#include <chrono>
 
 ControllerSimPrivate::ControllerSimPrivate(const QString &address, quint16 port)
     : address(address), port(port)
 {
 }
 
+ControllerSimPrivate::~ControllerSimPrivate() = default;
+
 void ControllerSimPrivate::connectionOpened()
 {
-    QMutexLocker lock(&mutex);
+    std::lock_guard<std::mutex> lock(mutex);
     ++openConnections;
     ++acceptedConnections;
 }
 
 void ControllerSimPrivate::connectionClosed()
 {
-    QMutexLocker lock(&mutex);
+    std::lock_guard<std::mutex> lock(mutex);
     --openConnections;
 }
 
 SimAction ControllerSimPrivate::serve(const QByteArray &frame, SimSession &session)
 {
-    QMutexLocker lock(&mutex);
+    std::lock_guard<std::mutex> lock(mutex);
     if (recording)
         record.append(frame);
-    requestArrived.wakeAll();
+    requestArrived.notify_all();
     if (logger)
         logger(frame);
 
@@ -121,36 +97,30 @@ ControllerSim::~ControllerSim()
 
 bool ControllerSim::start()
 {
-    QMutexLocker guard(&d->startStop);
-    if (d->thread)
+    std::lock_guard<std::mutex> guard(d->startStop);
+    if (d->server)
         return true;
-    auto *thread = new SimThread(d.get());
-    thread->start();
-    thread->ready.acquire();
-    if (!thread->listening) {
-        thread->wait();
-        delete thread;
+    // Register the caller with Qt before the serving threads touch it: the
+    // first thread Qt meets in a process without an application object
+    // becomes its main thread, and that must not be a short-lived one of ours.
+    QThread::currentThread();
+    auto server = std::make_unique<SimServer>(d.get());
+    if (!server->start())
         return false;
-    }
-    d->thread = thread;
+    d->server = std::move(server);
     return true;
 }
 
 void ControllerSim::stop()
 {
-    QMutexLocker guard(&d->startStop);
-    if (!d->thread)
-        return;
-    d->thread->quit();
-    d->thread->wait();
-    delete d->thread;
-    d->thread = nullptr;
+    std::lock_guard<std::mutex> guard(d->startStop);
+    d->server.reset();   // stops and joins its threads
 }
 
 bool ControllerSim::isRunning() const
 {
-    QMutexLocker guard(&d->startStop);
-    return d->thread != nullptr;
+    std::lock_guard<std::mutex> guard(d->startStop);
+    return d->server != nullptr;
 }
 
 QString ControllerSim::address() const { return d->address; }
@@ -158,146 +128,146 @@ quint16 ControllerSim::port() const { return d->port; }
 
 int ControllerSim::connectionCount() const
 {
-    QMutexLocker lock(&d->mutex);
+    std::lock_guard<std::mutex> lock(d->mutex);
     return d->openConnections;
 }
 
 int ControllerSim::connectionsAccepted() const
 {
-    QMutexLocker lock(&d->mutex);
+    std::lock_guard<std::mutex> lock(d->mutex);
     return d->acceptedConnections;
 }
 
 void ControllerSim::setVariable(qint32 address, qint32 value)
 {
-    QMutexLocker lock(&d->mutex);
+    std::lock_guard<std::mutex> lock(d->mutex);
     d->machine.setVariable(address, value);
 }
 
 qint32 ControllerSim::variable(qint32 address) const
 {
-    QMutexLocker lock(&d->mutex);
+    std::lock_guard<std::mutex> lock(d->mutex);
     return d->machine.variable(address);
 }
 
 void ControllerSim::setAnimated(bool on)
 {
-    QMutexLocker lock(&d->mutex);
+    std::lock_guard<std::mutex> lock(d->mutex);
     d->machine.animated = on;
 }
 
 bool ControllerSim::isAnimated() const
 {
-    QMutexLocker lock(&d->mutex);
+    std::lock_guard<std::mutex> lock(d->mutex);
     return d->machine.animated;
 }
 
 void ControllerSim::addKnownProgram(const QByteArray &name)
 {
-    QMutexLocker lock(&d->mutex);
+    std::lock_guard<std::mutex> lock(d->mutex);
     d->machine.knownPrograms.insert(name);
 }
 
 QByteArray ControllerSim::runningProgram(int channel) const
 {
-    QMutexLocker lock(&d->mutex);
+    std::lock_guard<std::mutex> lock(d->mutex);
     d->machine.finishPrograms();
     return d->machine.runningProgram(channel);
 }
 
 void ControllerSim::setProgramDuration(int ms)
 {
-    QMutexLocker lock(&d->mutex);
+    std::lock_guard<std::mutex> lock(d->mutex);
     d->machine.programDurationMs = qMax(0, ms);
 }
 
 void ControllerSim::setRunningProgram(int channel, const QByteArray &name)
 {
-    QMutexLocker lock(&d->mutex);
+    std::lock_guard<std::mutex> lock(d->mutex);
     d->machine.setRunningProgram(channel, name);
 }
 
 void ControllerSim::setDncMemorySize(int bytes)
 {
-    QMutexLocker lock(&d->mutex);
+    std::lock_guard<std::mutex> lock(d->mutex);
     d->machine.dncMemorySize = qMax(0, bytes);
 }
 
 int ControllerSim::dncMemorySize() const
 {
-    QMutexLocker lock(&d->mutex);
+    std::lock_guard<std::mutex> lock(d->mutex);
     return d->machine.dncMemorySize;
 }
 
 int ControllerSim::dncMemoryUsed() const
 {
-    QMutexLocker lock(&d->mutex);
+    std::lock_guard<std::mutex> lock(d->mutex);
     return d->machine.dncMemoryUsed();
 }
 
 bool ControllerSim::hasDncFile(int channel, const QByteArray &name) const
 {
-    QMutexLocker lock(&d->mutex);
+    std::lock_guard<std::mutex> lock(d->mutex);
     return d->machine.hasDncFile(channel, name);
 }
 
 QByteArray ControllerSim::dncFile(int channel, const QByteArray &name) const
 {
-    QMutexLocker lock(&d->mutex);
+    std::lock_guard<std::mutex> lock(d->mutex);
     return d->machine.dncFile(channel, name);
 }
 
 void ControllerSim::setDncFile(int channel, const QByteArray &name, const QByteArray &content)
 {
-    QMutexLocker lock(&d->mutex);
+    std::lock_guard<std::mutex> lock(d->mutex);
     d->machine.setDncFile(channel, name, content);
 }
 
 void ControllerSim::clearDncFiles()
 {
-    QMutexLocker lock(&d->mutex);
+    std::lock_guard<std::mutex> lock(d->mutex);
     d->machine.clearDncFiles();
 }
 
 void ControllerSim::setBusyReplies(int n, int pollsPerBusy)
 {
-    QMutexLocker lock(&d->mutex);
+    std::lock_guard<std::mutex> lock(d->mutex);
     d->machine.setBusyReplies(n, pollsPerBusy);
 }
 
 void ControllerSim::setErrorFile(int channelIndex, bool history, const QByteArray &text)
 {
-    QMutexLocker lock(&d->mutex);
+    std::lock_guard<std::mutex> lock(d->mutex);
     d->machine.setErrorFile(channelIndex, history, text);
 }
 
 void ControllerSim::setErrorFileStuck(bool stuck)
 {
-    QMutexLocker lock(&d->mutex);
+    std::lock_guard<std::mutex> lock(d->mutex);
     d->machine.errorFileStuck = stuck;
 }
 
 void ControllerSim::setOscPoints(const QVector<qint32> &points)
 {
-    QMutexLocker lock(&d->mutex);
+    std::lock_guard<std::mutex> lock(d->mutex);
     d->machine.oscPoints = points;
 }
 
 QVector<qint32> ControllerSim::oscAxes() const
 {
-    QMutexLocker lock(&d->mutex);
+    std::lock_guard<std::mutex> lock(d->mutex);
     return d->machine.oscAxes;
 }
 
 qint32 ControllerSim::oscTransEnable() const
 {
-    QMutexLocker lock(&d->mutex);
+    std::lock_guard<std::mutex> lock(d->mutex);
     return d->machine.oscTransEnable;
 }
 
 void ControllerSim::setFault(char letter, int sub, const Fault &fault)
 {
-    QMutexLocker lock(&d->mutex);
+    std::lock_guard<std::mutex> lock(d->mutex);
     if (fault.kind == Fault::None || fault.times == 0)
         d->faults.remove({letter, sub});
     else
@@ -306,13 +276,13 @@ void ControllerSim::setFault(char letter, int sub, const Fault &fault)
 
 void ControllerSim::clearFault(char letter, int sub)
 {
-    QMutexLocker lock(&d->mutex);
+    std::lock_guard<std::mutex> lock(d->mutex);
     d->faults.remove({letter, sub});
 }
 
 void ControllerSim::clearFaults()
 {
-    QMutexLocker lock(&d->mutex);
+    std::lock_guard<std::mutex> lock(d->mutex);
     d->faults.clear();
 }
 
@@ -359,13 +329,13 @@ bool ControllerSim::parseFault(const QString &text, char *letter, int *sub, Faul
 
 QList<QByteArray> ControllerSim::requests() const
 {
-    QMutexLocker lock(&d->mutex);
+    std::lock_guard<std::mutex> lock(d->mutex);
     return d->record;
 }
 
 QList<QByteArray> ControllerSim::requests(char letter) const
 {
-    QMutexLocker lock(&d->mutex);
+    std::lock_guard<std::mutex> lock(d->mutex);
     QList<QByteArray> out;
     for (const QByteArray &f : d->record) {
         if (f.size() > SimFrame::headerLength && f[SimFrame::headerLength] == letter)
@@ -376,29 +346,25 @@ QList<QByteArray> ControllerSim::requests(char letter) const
 
 void ControllerSim::clearRequests()
 {
-    QMutexLocker lock(&d->mutex);
+    std::lock_guard<std::mutex> lock(d->mutex);
     d->record.clear();
 }
 
 bool ControllerSim::waitForRequests(int n, int timeoutMs) const
 {
-    QDeadlineTimer deadline(timeoutMs);
-    QMutexLocker lock(&d->mutex);
-    while (d->record.size() < n) {
-        if (!d->requestArrived.wait(&d->mutex, deadline))
-            return d->record.size() >= n;
-    }
-    return true;
+    std::unique_lock<std::mutex> lock(d->mutex);
+    return d->requestArrived.wait_for(lock, std::chrono::milliseconds(qMax(0, timeoutMs)),
+                                      [this, n] { return d->record.size() >= n; });
 }
 
 void ControllerSim::setRecording(bool on)
 {
-    QMutexLocker lock(&d->mutex);
+    std::lock_guard<std::mutex> lock(d->mutex);
     d->recording = on;
 }
 
 void ControllerSim::setRequestLogger(std::function<void(const QByteArray &)> logger)
 {
-    QMutexLocker lock(&d->mutex);
+    std::lock_guard<std::mutex> lock(d->mutex);
     d->logger = std::move(logger);
 }

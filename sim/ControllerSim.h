@@ -2,8 +2,9 @@
 #define CONTROLLERSIM_H
 
 // A simulated controller: listens on ADDRESS:60000 and answers the command
-// set the way a controller does, on a thread of its own, so a caller that
-// blocks in a direct-mode exchange is still served.
+// set the way a controller does, on threads of its own (one per connection),
+// so a caller that blocks in a direct-mode exchange is still served. It needs
+// no event loop and no QCoreApplication: a plain C host can embed it.
 //
 // Frames (TCP): 00 00 00 00, length (2 bytes LE, = total - 6), unit 00, then
 // the PDU: letter, sub/count, payload. Every multi-byte field is little-endian.

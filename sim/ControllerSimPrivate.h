@@ -6,12 +6,13 @@
 
 #include <QList>
 #include <QMap>
-#include <QMutex>
 #include <QPair>
-#include <QSemaphore>
-#include <QThread>
-#include <QWaitCondition>
+#include <condition_variable>
 #include <functional>
+#include <memory>
+#include <mutex>
+
+class SimServer;
 
 // What the serving thread does with one request frame.
 struct SimAction
@@ -23,12 +24,14 @@ struct SimAction
     int splitPauseMs = -1;  // >= 0: send in two segments this far apart
 };
 
-// Shared between the public object (any thread) and the serving thread;
-// everything below the mutex is guarded by it.
+// Shared between the public object (any thread) and the serving threads;
+// everything below the mutex is guarded by it. Standard primitives, so that
+// ThreadSanitizer sees the simulator's synchronisation.
 class ControllerSimPrivate
 {
 public:
     ControllerSimPrivate(const QString &address, quint16 port);
+    ~ControllerSimPrivate();
 
     // Records the frame, picks the fault and carries out the request.
     SimAction serve(const QByteArray &frame, SimSession &session);
@@ -38,8 +41,8 @@ public:
     const QString address;
     const quint16 port;
 
-    mutable QMutex mutex;
-    mutable QWaitCondition requestArrived;
+    mutable std::mutex mutex;
+    mutable std::condition_variable requestArrived;
     SimMachine machine;
     struct FaultEntry {
         ControllerSim::Fault fault;
@@ -52,8 +55,8 @@ public:
     int openConnections = 0;
     int acceptedConnections = 0;
 
-    QThread *thread = nullptr;  // only touched by start/stop, under startStop
-    QMutex startStop;
+    std::unique_ptr<SimServer> server;  // only touched by start/stop, under startStop
+    mutable std::mutex startStop;
 };
 
 #endif

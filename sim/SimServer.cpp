@@ -3,120 +3,162 @@
 #include "SimFrame.h"
 
 #include <QHostAddress>
-#include <QPointer>
 #include <QTcpServer>
 #include <QTcpSocket>
-#include <QTimer>
+#include <QVector>
+
+#include <chrono>
+#include <future>
+
+namespace {
+
+// How often blocked threads look at the stop flag.
+const int kPollMs = 20;
+const int kWriteWaitMs = 1000;
+
+// Hands accepted descriptors to the caller instead of making sockets on the
+// accepting thread: each connection's socket is made on its own thread.
+class Listener : public QTcpServer
+{
+public:
+    QVector<qintptr> pending;
+
+protected:
+    void incomingConnection(qintptr descriptor) override { pending.append(descriptor); }
+};
+
+void sendAll(QTcpSocket &socket, const QByteArray &bytes)
+{
+    socket.write(bytes);
+    while (socket.bytesToWrite() > 0 && socket.waitForBytesWritten(kWriteWaitMs)) {
+    }
+}
+
+} // namespace
 
 SimServer::SimServer(ControllerSimPrivate *d)
-    : d(d), server(new QTcpServer(this))
+    : d(d)
 {
-    connect(server, &QTcpServer::newConnection, this, &SimServer::accept);
 }
 
 SimServer::~SimServer()
 {
-    // The sockets are the server's children and go with it; cut them loose
-    // from our slots first so their last signals find nothing.
-    for (auto it = connections.begin(); it != connections.end(); ++it) {
-        disconnect(it.key(), nullptr, this, nullptr);
-        it.key()->abort();
-        d->connectionClosed();
+    stop();
+}
+
+bool SimServer::start()
+{
+    std::promise<bool> listening;
+    std::future<bool> result = listening.get_future();
+    m_acceptor = std::thread(&SimServer::acceptLoop, this, &listening);
+    if (result.get())
+        return true;
+    m_acceptor.join();
+    return false;
+}
+
+void SimServer::stop()
+{
+    {
+        std::lock_guard<std::mutex> lock(m_wakeLock);
+        m_stopping = true;
     }
-    connections.clear();
+    m_wake.notify_all();
+    if (m_acceptor.joinable())
+        m_acceptor.join();
 }
 
-bool SimServer::listen()
+bool SimServer::pause(int ms)
 {
-    return server->listen(QHostAddress(d->address), d->port);
+    std::unique_lock<std::mutex> lock(m_wakeLock);
+    return !m_wake.wait_for(lock, std::chrono::milliseconds(ms), [this] { return m_stopping.load(); });
 }
 
-void SimServer::accept()
+void SimServer::acceptLoop(std::promise<bool> *listening)
 {
-    while (QTcpSocket *socket = server->nextPendingConnection()) {
-        socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
-        connections.insert(socket, Connection());
-        d->connectionOpened();
-        connect(socket, &QTcpSocket::readyRead, this, [this, socket] { process(socket); });
-        connect(socket, &QTcpSocket::disconnected, this, [this, socket] { dropped(socket); });
-        if (socket->bytesAvailable() > 0)
-            process(socket);
-    }
-}
-
-void SimServer::dropped(QTcpSocket *socket)
-{
-    if (connections.remove(socket))
-        d->connectionClosed();
-    socket->deleteLater();
-}
-
-void SimServer::release(QTcpSocket *socket)
-{
-    auto it = connections.find(socket);
-    if (it == connections.end())
+    Listener server;
+    const bool ok = server.listen(QHostAddress(d->address), d->port);
+    listening->set_value(ok);   // the caller's promise is not touched after this
+    if (!ok)
         return;
-    it->held = false;
-    process(socket);
-}
-
-void SimServer::process(QTcpSocket *socket)
-{
-    auto it = connections.find(socket);
-    if (it == connections.end())
-        return;
-    it->input.append(socket->readAll());
-    while (!it->held) {
-        const int len = SimFrame::frameLength(it->input);
-        if (len == 0)
-            return;
-        if (len < 0) {
-            // A broken header leaves no way to find the next frame.
-            it->input.clear();
-            socket->disconnectFromHost();
-            return;
-        }
-        const QByteArray frame = it->input.left(len);
-        it->input.remove(0, len);
-        const SimAction action = d->serve(frame, it->session);
-        if (action.kind == SimAction::Close) {
-            it->input.clear();
-            it->held = true;
-            socket->disconnectFromHost();
-            return;
-        }
-        if (action.kind == SimAction::Nothing)
-            continue;
-        if (action.delayMs <= 0 && action.splitPauseMs < 0) {
-            socket->write(action.bytes);
-            continue;
-        }
-        it->held = true;
-        QPointer<QTcpSocket> guard(socket);
-        const QByteArray bytes = action.bytes;
-        const int pause = action.splitPauseMs;
-        auto send = [this, guard, bytes, pause] {
-            if (!guard)
-                return;
-            if (pause < 0) {
-                guard->write(bytes);
-                release(guard);
-                return;
-            }
-            const int half = qMax(1, bytes.size() / 2);
-            guard->write(bytes.left(half));
-            guard->flush();
-            QTimer::singleShot(pause, this, [this, guard, bytes, half] {
-                if (!guard)
-                    return;
-                guard->write(bytes.mid(half));
-                release(guard);
+    while (!m_stopping) {
+        server.waitForNewConnection(kPollMs);
+        for (qintptr descriptor : server.pending) {
+            auto worker = std::make_unique<Worker>();
+            Worker *w = worker.get();
+            w->thread = std::thread([this, w, descriptor] {
+                serveConnection(descriptor);
+                w->done = true;
             });
-        };
-        if (action.delayMs > 0)
-            QTimer::singleShot(action.delayMs, this, send);
-        else
-            send();
-        return;
+            m_workers.push_back(std::move(worker));
+        }
+        server.pending.clear();
+        for (auto it = m_workers.begin(); it != m_workers.end();) {
+            if ((*it)->done) {
+                (*it)->thread.join();
+                it = m_workers.erase(it);
+            } else {
+                ++it;
+            }
+        }
     }
+    server.close();
+    for (auto &worker : m_workers)
+        worker->thread.join();
+    m_workers.clear();
+}
+
+void SimServer::serveConnection(qintptr descriptor)
+{
+    QTcpSocket socket;
+    if (!socket.setSocketDescriptor(descriptor))
+        return;
+    socket.setSocketOption(QAbstractSocket::LowDelayOption, 1);
+    d->connectionOpened();
+    QByteArray input;
+    SimSession session;
+    bool open = true;
+    while (open && !m_stopping) {
+        if (!socket.waitForReadyRead(kPollMs)) {
+            if (socket.state() != QAbstractSocket::ConnectedState)
+                break;
+            continue;
+        }
+        input.append(socket.readAll());
+        while (open) {
+            const int len = SimFrame::frameLength(input);
+            if (len == 0)
+                break;
+            if (len < 0) {
+                open = false;   // a broken header leaves no way to find the next frame
+                break;
+            }
+            const QByteArray frame = input.left(len);
+            input.remove(0, len);
+            const SimAction action = d->serve(frame, session);
+            if (action.kind == SimAction::Close) {
+                open = false;
+            } else if (action.kind == SimAction::Reply) {
+                if (action.delayMs > 0 && !pause(action.delayMs)) {
+                    open = false;
+                } else if (action.splitPauseMs >= 0) {
+                    const int half = qMax(1, action.bytes.size() / 2);
+                    sendAll(socket, action.bytes.left(half));
+                    open = pause(action.splitPauseMs);
+                    if (open)
+                        sendAll(socket, action.bytes.mid(half));
+                } else {
+                    sendAll(socket, action.bytes);
+                }
+            }
+        }
+    }
+    if (m_stopping) {
+        socket.abort();
+    } else {
+        socket.disconnectFromHost();
+        if (socket.state() != QAbstractSocket::UnconnectedState)
+            socket.waitForDisconnected(kWriteWaitMs);
+    }
+    d->connectionClosed();
 }

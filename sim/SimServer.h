@@ -1,41 +1,55 @@
 #ifndef SIMSERVER_H
 #define SIMSERVER_H
 
-#include "SimMachine.h"
+#include <QtGlobal>
 
-#include <QHash>
-#include <QObject>
+#include <atomic>
+#include <condition_variable>
+#include <future>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <thread>
 
 class ControllerSimPrivate;
-class QTcpServer;
-class QTcpSocket;
 
-// Lives on the simulator's thread: accepts connections, cuts the byte stream
-// into frames and sends what ControllerSimPrivate::serve decides, with the
-// timing faults (delay, split) done by timers so other connections go on.
-class SimServer : public QObject
+// Serves the simulator's port with blocking socket calls on plain threads:
+// one thread accepts, one thread per connection cuts its byte stream into
+// frames and sends what ControllerSimPrivate::serve decides. Nothing here
+// needs an event loop, so the simulator also serves in a process that never
+// creates a QCoreApplication (Qt delivers no events to threads there). A
+// delayed or split reply simply blocks its own connection's thread, which
+// holds back that connection's later requests and nobody else's.
+class SimServer
 {
-    Q_OBJECT
 public:
     explicit SimServer(ControllerSimPrivate *d);
-    ~SimServer() override;
-    bool listen();
+    ~SimServer();
+    SimServer(const SimServer &) = delete;
+    SimServer &operator=(const SimServer &) = delete;
+
+    // Binds and starts accepting; false when the address cannot be bound.
+    bool start();
+    // Closes every connection and joins every thread.
+    void stop();
 
 private:
-    struct Connection {
-        QByteArray input;
-        SimSession session;
-        bool held = false;  // a delayed or split reply is on its way
+    struct Worker {
+        std::thread thread;
+        std::atomic<bool> done{false};
     };
 
-    void accept();
-    void process(QTcpSocket *socket);
-    void release(QTcpSocket *socket);
-    void dropped(QTcpSocket *socket);
+    void acceptLoop(std::promise<bool> *listening);
+    void serveConnection(qintptr descriptor);
+    // Sleeps ms unless stop() comes first; false when stopping.
+    bool pause(int ms);
 
     ControllerSimPrivate *d;
-    QTcpServer *server;
-    QHash<QTcpSocket *, Connection> connections;
+    std::atomic<bool> m_stopping{false};
+    std::mutex m_wakeLock;
+    std::condition_variable m_wake;
+    std::thread m_acceptor;
+    std::list<std::unique_ptr<Worker>> m_workers;  // acceptor thread only
 };
 
 #endif
