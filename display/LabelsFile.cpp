@@ -10,11 +10,9 @@ LabelsFile::~LabelsFile() = default;
 
 qint32 LabelsFile::parseNumber(const QString &text)
 {
-    QStringRef digits(&text);
-    if (digits.startsWith(QLatin1String("0x")))
-        digits = digits.mid(2);
+    // Base 16 takes one optional "0x" itself; "0x0x1f" is no number.
     bool ok = false;
-    const qint32 v = digits.toInt(&ok, 16);
+    const qint32 v = text.toInt(&ok, 16);
     return ok ? v : 0;
 }
 

@@ -1,7 +1,9 @@
 // Feeds arbitrary bytes to the labels reader as the content of a file (the
 // reader takes a path, so the bytes go into an in-memory file reached
 // through /proc/self/fd). Whatever the reader accepts, the writer must turn
-// into a file the reader accepts again, with the same number of modules.
+// into a file the reader accepts again, with the same number of modules -
+// for the models a caller may hand the writer: headings for every counted
+// column and no negative numbers (those are written "0x-1f" and read as 0).
 
 #include "LabelsFile.h"
 
@@ -39,6 +41,21 @@ bool fill(int fd, const uint8_t *data, size_t size)
     return true;
 }
 
+bool writable(const QList<FunctionRecord> &functions, const QPair<qint32, qint32> &numbers)
+{
+    if (numbers.first < 0 || numbers.second < 0)
+        return false;
+    for (const FunctionRecord &f : functions) {
+        if (f.id < 0)
+            return false;
+        for (const SubFunctionRecord &s : f.subFunctions) {
+            if (s.displaySize < 0 || s.displaySize > s.subItems.size())
+                return false;
+        }
+    }
+    return true;
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
@@ -60,6 +77,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         return 0;
     const QList<FunctionRecord> functions = in.getFunctions();
     const QPair<qint32, qint32> numbers = in.getVersionAndSize();
+    if (!writable(functions, numbers))
+        return 0;
     if (ftruncate(g_output, 0) != 0)
         abort();
     LabelsFile writer;

@@ -56,6 +56,8 @@ void tst_labels::numbers_data()
     QTest::newRow("bare letters") << "abc" << 0xabc;
     QTest::newRow("not hex") << "zz" << 0;
     QTest::newRow("empty") << "" << 0;
+    QTest::newRow("prefix alone") << "0x" << 0;
+    QTest::newRow("prefix twice") << "0x0x1f" << 0;
     QTest::newRow("too wide") << "0x1ffffffff" << 0;
     QTest::newRow("largest") << "0x7fffffff" << 0x7fffffff;
 }
