@@ -53,15 +53,21 @@ bool LabelsFile::readFile(const QString &path)
 
 // Each level below reads until its own end element or the end of the
 // stream, so a truncated file leaves the records filled as far as it got.
-
-void LabelsFile::readRoot()
+bool LabelsFile::nextChildOf(QLatin1String element)
 {
     while (!reader.atEnd()) {
         reader.readNext();
-        if (reader.isEndElement() && reader.name() == QLatin1String("VelmoraInf"))
-            break;
-        if (!reader.isStartElement())
-            continue;
+        if (reader.isStartElement())
+            return true;
+        if (reader.isEndElement() && reader.name() == element)
+            return false;
+    }
+    return false;
+}
+
+void LabelsFile::readRoot()
+{
+    while (nextChildOf(QLatin1String("VelmoraInf"))) {
         if (reader.name() == QLatin1String("version")) {
             version = parseNumber(reader.readElementText());
         } else if (reader.name() == QLatin1String("Module")) {
@@ -75,44 +81,33 @@ void LabelsFile::readRoot()
 
 void LabelsFile::readModule()
 {
-    while (!reader.atEnd()) {
-        reader.readNext();
-        if (reader.isEndElement() && reader.name() == QLatin1String("Module"))
-            break;
-        if (reader.isStartElement() && reader.name() == QLatin1String("Function")) {
-            FunctionRecord function;
-            const QXmlStreamAttributes attrs = reader.attributes();
-            function.id = parseNumber(attrs.value(QLatin1String("Id")).toString());
-            function.name = attrs.value(QLatin1String("Name")).toString();
-            readFunction(function);
-            functions.append(function);
-        }
+    while (nextChildOf(QLatin1String("Module"))) {
+        if (reader.name() != QLatin1String("Function"))
+            continue;
+        FunctionRecord function;
+        const QXmlStreamAttributes attrs = reader.attributes();
+        function.id = parseNumber(attrs.value(QLatin1String("Id")).toString());
+        function.name = attrs.value(QLatin1String("Name")).toString();
+        readFunction(function);
+        functions.append(function);
     }
 }
 
 void LabelsFile::readFunction(FunctionRecord &function)
 {
-    while (!reader.atEnd()) {
-        reader.readNext();
-        if (reader.isEndElement() && reader.name() == QLatin1String("Function"))
-            break;
-        if (reader.isStartElement() && reader.name() == QLatin1String("SubFunction")) {
-            SubFunctionRecord sub;
-            sub.name = reader.attributes().value(QLatin1String("Name")).toString();
-            readSubFunction(sub);
-            function.subFunctions.append(sub);
-        }
+    while (nextChildOf(QLatin1String("Function"))) {
+        if (reader.name() != QLatin1String("SubFunction"))
+            continue;
+        SubFunctionRecord sub;
+        sub.name = reader.attributes().value(QLatin1String("Name")).toString();
+        readSubFunction(sub);
+        function.subFunctions.append(sub);
     }
 }
 
 void LabelsFile::readSubFunction(SubFunctionRecord &sub)
 {
-    while (!reader.atEnd()) {
-        reader.readNext();
-        if (reader.isEndElement() && reader.name() == QLatin1String("SubFunction"))
-            break;
-        if (!reader.isStartElement())
-            continue;
+    while (nextChildOf(QLatin1String("SubFunction"))) {
         if (reader.name() == QLatin1String("Display"))
             readDisplay(sub);
         else if (reader.name() == QLatin1String("Object"))
@@ -123,23 +118,15 @@ void LabelsFile::readSubFunction(SubFunctionRecord &sub)
 void LabelsFile::readDisplay(SubFunctionRecord &sub)
 {
     sub.displaySize = parseNumber(reader.attributes().value(QLatin1String("Size")).toString());
-    while (!reader.atEnd()) {
-        reader.readNext();
-        if (reader.isEndElement() && reader.name() == QLatin1String("Display"))
-            break;
-        if (reader.isStartElement() && reader.name() == QLatin1String("SubItem"))
+    while (nextChildOf(QLatin1String("Display"))) {
+        if (reader.name() == QLatin1String("SubItem"))
             sub.subItems.append(reader.readElementText());
     }
 }
 
 void LabelsFile::readObject(SubFunctionRecord &sub)
 {
-    while (!reader.atEnd()) {
-        reader.readNext();
-        if (reader.isEndElement() && reader.name() == QLatin1String("Object"))
-            break;
-        if (!reader.isStartElement())
-            continue;
+    while (nextChildOf(QLatin1String("Object"))) {
         // Children in any order; a missing one just leaves its list shorter.
         const QStringRef name = reader.name();
         if (name == QLatin1String("Address"))

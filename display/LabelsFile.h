@@ -41,6 +41,7 @@ public:
     static QString numberText(qint32 v);
 
 private:
+    bool nextChildOf(QLatin1String element);
     void readRoot();
     void readModule();
     void readFunction(FunctionRecord &function);
