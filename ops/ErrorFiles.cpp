@@ -25,57 +25,39 @@ QByteArray errorFilePath(long int selector)
         + (selector % 10 ? "/error/hisError.error" : "/error/curError.error");
 }
 
-// The hand-over read goes through the reply hook, which has no object: the
-// value comes back through the reading thread's own slot (direct mode parses
-// on the calling thread).
-struct VarRead {
-    bool got = false;
-    bool error = false;
-    qint32 value = 0;
-};
-thread_local VarRead *t_varRead = nullptr;
-
-void storeVarRead(int error, const qint32 *values, int count)
-{
-    if (!t_varRead)
-        return;
-    t_varRead->error = error != 0;
-    if (!error && values && count == 1) {
-        t_varRead->got = true;
-        t_varRead->value = values[0];
-    }
-}
-
 } // namespace
 
+// The two hand-over calls do what fileWriteVars and fileReadVars do, one
+// variable in one frame, without taking the client lock again.
 long int AsynchronousClient::writeVarLocked(qint32 address, qint32 value)
 {
-    // As the file-variable calls: nothing is sent in thread mode.
     if (!isDirectMode())
-        return StatusOk;
-    const long int queued = queueFrame(buildWriteVars(&address, &value, 1));
-    return exchangeStatus(exchangeNext(), queued);
+        return StatusOk;   // the file-variable calls send nothing in thread mode
+    {
+        std::unique_lock<std::mutex> data(m_dataMutex);
+        m_sentAddresses.clear();
+        m_sentIsPoll = false;
+    }
+    m_outgoing = builtFrame(buildWriteVars(&address, &value, 1));
+    return exchangeStatus(exchange(), StatusOk);
 }
 
 long int AsynchronousClient::readVarLocked(qint32 address, qint32 *value)
 {
     if (!isDirectMode())
         return StatusOk;
-    VarRead read;
-    const ReadVarsCallback saved = readVarsCallback;
-    readVarsCallback = storeVarRead;
-    t_varRead = &read;
-    const long int queued = queueFrame(buildReadVars(&address, 1));
-    const bool replied = exchangeNext();
-    t_varRead = nullptr;
-    readVarsCallback = saved;
-    if (read.error)
-        m_errorFlag.store(1);
-    else if (read.got)
-        m_errorFlag.store(0);
-    if (read.got)
-        *value = read.value;
-    return exchangeStatus(replied, queued);
+    {
+        // The value map is the result table of a read, as for every read.
+        std::unique_lock<std::mutex> data(m_dataMutex);
+        m_values.clear();
+        m_sentAddresses = QList<qint32>{ address };
+        m_sentIsPoll = false;
+    }
+    m_outgoing = builtFrame(buildReadVars(&address, 1));
+    const bool replied = exchange();
+    std::unique_lock<std::mutex> data(m_dataMutex);
+    *value = m_values.value(address, *value);   // unchanged when no value came
+    return exchangeStatus(replied, StatusOk);
 }
 
 void AsynchronousClient::finishErrorFile()
@@ -170,6 +152,7 @@ char *AsynchronousClient::getCncCurrentError(long int selector)
     }
 
     if (m_somethingRead) {
+        m_readFileState.store(0);
         queueFrame(buildCloseReadFile());
         if (!exchangeNext())
             return abandon();
@@ -186,32 +169,33 @@ char *AsynchronousClient::getCncCurrentError(long int selector)
     return m_cncErrorText.data();
 }
 
-void AsynchronousClient::onRecCmdOpenReadFile(int state)
+// Open and close answer 1 for success; 0 is reported, other states only
+// set the flag.
+static void fileStateReply(AsynchronousClient *client, std::atomic<int> &errorFlag, std::atomic<int> &lastState,
+                           int state, const char *handler, const char *failure, bool logDetails)
 {
-    if (debugDetails())
-        qDebug() << "onRecCmdOpenReadFile" << "state = " << state;
-    m_readFileState.store(state);
+    if (logDetails)
+        qDebug() << handler << "state = " << state;
+    lastState.store(state);
     if (state == 1) {
-        m_errorFlag.store(0);
+        errorFlag.store(0);
         return;
     }
-    m_errorFlag.store(1);
+    errorFlag.store(1);
     if (state == 0)
-        onErrorOccured(kFileCategory, state, "opening file error.");
+        client->onErrorOccured(kFileCategory, state, failure);
+}
+
+void AsynchronousClient::onRecCmdOpenReadFile(int state)
+{
+    fileStateReply(this, m_errorFlag, m_readFileState, state, "onRecCmdOpenReadFile", "opening file error.",
+                   debugDetails());
 }
 
 void AsynchronousClient::onRecCmdCloseReadFile(int state)
 {
-    if (debugDetails())
-        qDebug() << "onRecCmdCloseReadFile" << "state = " << state;
-    m_readFileState.store(state);
-    if (state == 1) {
-        m_errorFlag.store(0);
-        return;
-    }
-    m_errorFlag.store(1);
-    if (state == 0)
-        onErrorOccured(kFileCategory, state, "closing file error.");
+    fileStateReply(this, m_errorFlag, m_readFileState, state, "onRecCmdCloseReadFile", "closing file error.",
+                   debugDetails());
 }
 
 void AsynchronousClient::onRecCmdReadFile(const quint8 *data, int size)
