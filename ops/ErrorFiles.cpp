@@ -11,8 +11,9 @@ const char kGetCncCurrentErrorSig[] = "char* AsynchronousClient::getCncCurrentEr
 
 const int kFileCategory = 1;
 const int kAlarmState = 100;
-// State of a read reply whose count did not match its length: no piece.
-const int kPieceRejected = -2;
+// Stands for "no read reply reached the handler" (an error reply instead);
+// outside the range of the count byte that a read reply carries.
+const int kNoReadReply = 1000;
 // Bytes of a read reply around its piece: header, letter, sub, count.
 const int kReadReplyOverhead = 10;
 
@@ -131,7 +132,7 @@ char *AsynchronousClient::getCncCurrentError(long int selector)
         qDebug() << "getCncCurrentError" << "CncErrorFile open false";
 
     while (m_fileOpened && m_moreToRead) {
-        m_readFileState.store(0);
+        m_readFileState.store(kNoReadReply);
         queueFrame(buildReadFile());
         if (!exchangeNext())
             return abandon();
@@ -139,13 +140,13 @@ char *AsynchronousClient::getCncCurrentError(long int selector)
             m_somethingRead = true;
             continue;
         }
-        // A reply without a piece is the end of the file; anything else
-        // that sets the flag is the controller's error.
+        // A read reply without a piece is the end of the file, unless its
+        // count byte is the controller's alarm; an error reply is an error.
         m_moreToRead = false;
         const int state = m_readFileState.load();
         if (state == kAlarmState)
             result = StatusAlarm;
-        else if (state != kPieceRejected)
+        else if (state == kNoReadReply)
             result = StatusErrorReply;
         if (!m_somethingRead && debugErrors())
             qDebug() << "getCncCurrentError" << "CncErrorFile read false";
@@ -209,9 +210,10 @@ void AsynchronousClient::onRecCmdReadFile(const quint8 *data, int size)
         m_readFileState.store(0);
         return;
     }
-    // Every file ends this way, so it is only logged.
+    // No piece: every file ends this way, so it is only logged. The count
+    // byte stands as the state, which is how the controller's alarm comes.
     m_errorFlag.store(1);
-    m_readFileState.store(kPieceRejected);
+    m_readFileState.store(n);
     if (debugErrors())
         qDebug() << "read file error.(Accept the wrong size)";
 }

@@ -6,15 +6,20 @@
 
 #include <QDir>
 #include <QMutex>
+#include <QTcpServer>
+#include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <functional>
+#include <future>
 #include <memory>
 #include <thread>
 
 namespace {
 
 const QString kSimAddress = QStringLiteral("127.0.0.50");
+const QString kScriptAddress = QStringLiteral("127.0.0.51");
 
 QByteArray hex(const char *text)
 {
@@ -91,6 +96,47 @@ public:
     }
     // The operation ran on the test thread, which may release it.
     void release() { m_mutex.unlock(); }
+};
+
+// A controller that answers each request PDU with the PDU its script
+// returns, for replies the simulator never makes. One connection, served on
+// its own thread until the client goes or stays silent for 3 s.
+class ScriptedController
+{
+public:
+    explicit ScriptedController(std::function<QByteArray(const QByteArray &)> script)
+        : m_script(std::move(script))
+    {
+    }
+    ~ScriptedController() { finish(); }
+    // Returns once the client has gone (or 3 s of silence).
+    void finish()
+    {
+        if (m_thread.joinable())
+            m_thread.join();
+    }
+    bool start()
+    {
+        std::promise<bool> listening;
+        std::future<bool> ready = listening.get_future();
+        m_thread = std::thread([this, &listening] {
+            QTcpServer server;
+            const bool ok = server.listen(QHostAddress(kScriptAddress), 60000);
+            listening.set_value(ok);
+            if (!ok || !server.waitForNewConnection(3000))
+                return;
+            std::unique_ptr<QTcpSocket> socket(server.nextPendingConnection());
+            while (socket->waitForReadyRead(3000)) {
+                socket->write(frame(m_script(socket->readAll().mid(7))));
+                socket->waitForBytesWritten(1000);
+            }
+        });
+        return ready.get();
+    }
+
+private:
+    std::function<QByteArray(const QByteArray &)> m_script;
+    std::thread m_thread;
 };
 
 } // namespace
@@ -545,6 +591,38 @@ private slots:
         QCOMPARE(QByteArray(m_client->getCncCurrentError(0)), QByteArray("0"));
         QVERIFY(!m_client->heldElsewhere());
         QCOMPARE(QByteArray(m_client->getCncCurrentError(0)), QByteArray("0E7\n"));
+    }
+
+    void errorFileAlarmWhileReading()
+    {
+        // A read reply without a piece normally ends the file; with the
+        // alarm state in its count byte it gives the digit of 100.
+        QList<QByteArray> fileRequests;
+        int reads = 0;
+        ScriptedController controller([&](const QByteArray &pdu) -> QByteArray {
+            switch (pdu.at(0)) {
+            case 'D':
+                return "D";
+            case 'B':
+                return hex("42 01 00000000");   // the file is written
+            case 'c':
+                fileRequests.append(pdu);
+                if (pdu.at(1) == 2)
+                    return ++reads == 1 ? QByteArray("c\x02\x03" "E1\n") : hex("63 02 64");
+                return pdu.left(2) + '\x01';
+            default:
+                return QByteArray();
+            }
+        });
+        QVERIFY(controller.start());
+        OpsClient client;
+        QVERIFY(client.tcpConnect(kScriptAddress.toLatin1()));
+        QCOMPARE(QByteArray(client.getCncCurrentError(0)), QByteArray("1E1\n"));
+        client.tcpDisconnect();
+        controller.finish();
+        // Open, two reads, and the close that follows something read.
+        QCOMPARE(fileRequests.size(), 4);
+        QCOMPARE(fileRequests.last(), hex("63 03 00"));
     }
 
     // ---- Oscilloscope
