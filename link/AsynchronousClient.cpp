@@ -506,12 +506,22 @@ QByteArray AsynchronousClient::builtFrame(int length) const
 int AsynchronousClient::queueFrame(int length)
 {
     const QByteArray frame = builtFrame(length);
-    std::unique_lock<std::mutex> lock(m_dataMutex);
-    if (m_queue.size() > m_queueLimit.load())
-        return int(StatusQueueFull);
-    m_queue.append(frame);
-    m_workCond.notify_all();
+    {
+        std::unique_lock<std::mutex> lock(m_dataMutex);
+        if (m_queue.size() > m_queueLimit.load())
+            return int(StatusQueueFull);
+        m_queue.append(frame);
+    }
+    wakeLoop();
     return int(StatusOk);
+}
+
+void AsynchronousClient::wakeLoop()
+{
+    // In direct mode the caller sends the frame itself: waking the socket
+    // thread would only cost it a context switch per request for nothing.
+    if (!isDirectMode())
+        m_workCond.notify_all();
 }
 
 bool AsynchronousClient::exchangeNext()
@@ -808,11 +818,13 @@ void AsynchronousClient::registerVars(long int *addresses, int count)
 {
     if (!addresses || count < 1)
         return;
-    std::unique_lock<std::mutex> data(m_dataMutex);
-    for (int i = 0; i < count; ++i)
-        if (validAddress(addresses[i]))
-            m_values.insert(qint32(addresses[i]), 0);
-    m_workCond.notify_all();
+    {
+        std::unique_lock<std::mutex> data(m_dataMutex);
+        for (int i = 0; i < count; ++i)
+            if (validAddress(addresses[i]))
+                m_values.insert(qint32(addresses[i]), 0);
+    }
+    wakeLoop();
 }
 
 void AsynchronousClient::removeVars(long int *addresses, int count)
@@ -924,10 +936,12 @@ long int AsynchronousClient::registerBits(long int channel, BitType type, long i
     }
     if (bitsCheck(kRegisterBitsSig, channel, type, bits, count, nullptr, false) != StatusOk)
         return StatusParError;
-    std::unique_lock<std::mutex> data(m_dataMutex);
-    for (int i = 0; i < count; ++i)
-        m_values.insert(bitWordAddress(channel, type, bits[i]), 0);
-    m_workCond.notify_all();
+    {
+        std::unique_lock<std::mutex> data(m_dataMutex);
+        for (int i = 0; i < count; ++i)
+            m_values.insert(bitWordAddress(channel, type, bits[i]), 0);
+    }
+    wakeLoop();
     return StatusOk;
 }
 

@@ -148,8 +148,12 @@ protected:
     bool linkDown(const char *signature);
     // Copies the first `length` bytes of the send buffer into the command
     // queue if it holds no more than the queue limit: 0, else 4. A length of 0
-    // queues an empty entry, which the sender skips. Wakes the loop.
+    // queues an empty entry, which the sender skips. Wakes the loop in thread
+    // mode.
     int queueFrame(int length);
+    // Wakes the socket thread for new work; only thread mode has any for it.
+    // Call without m_dataMutex held.
+    void wakeLoop();
     // Direct mode: takes the next non-empty queued frame into outgoing and
     // runs the exchange. False when no reply came (or nothing was queued).
     bool exchangeNext();
