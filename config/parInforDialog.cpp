@@ -26,10 +26,10 @@ void parInforDialog::on_OK_clicked()
     row->value = ui->lineEdit_value->text();
     row->type = ui->lineEdit_type->text();
     row->access = ui->lineEdit_access->text();
-    accept();
+    close();
 }
 
 void parInforDialog::on_Cancle_clicked()
 {
-    reject();
+    close();
 }

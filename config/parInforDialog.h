@@ -21,7 +21,8 @@ struct parInforRow
 };
 
 // Edits one row in a form. The caller owns the row record; OK copies the
-// form back into it, Cancle leaves it as it was.
+// form back into it, Cancle leaves it as it was. Both just close the window,
+// so the result code is the same either way: the record tells the caller.
 class parInforDialog : public QDialog
 {
     Q_OBJECT

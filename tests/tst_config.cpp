@@ -428,7 +428,9 @@ private slots:
         const char *edits[] = {"lineEdit_address", "lineEdit_name", "lineEdit_value", "lineEdit_type",
                                "lineEdit_access"};
         QStringList seen;
+        QList<int> closedAs; // visibility and result code after the button
         UiSeam::execHook = [&](QDialog *d) {
+            d->show();
             auto *combo = d->findChild<QComboBox *>("comboBox");
             seen << combo->currentText();
             for (const char *e : edits)
@@ -437,6 +439,7 @@ private slots:
             for (int i = 0; i < 5; ++i)
                 d->findChild<QLineEdit *>(edits[i])->setText(QStringList({"7", "N", "V", "T", "A"}).at(i));
             QMetaObject::invokeMethod(d, button.toLatin1().constData());
+            closedAs << d->isVisible() << d->result();
             return d->result();
         };
         emit table->verticalHeader()->sectionDoubleClicked(1); // no table has the focus: nothing opens
@@ -449,6 +452,7 @@ private slots:
         QTRY_VERIFY(table->hasFocus());
         emit table->verticalHeader()->sectionDoubleClicked(1);
         QCOMPARE(seen, shown);
+        QCOMPARE(closedAs, QList<int>({0, QDialog::Rejected})); // closed, not accepted, either way
         QCOMPARE(rowTexts(table, 1), expected);
         QCOMPARE(rowTexts(table, 0), QStringList({"usr1", "n_usr1", "v_usr1", "int", "rw"}));
     }
