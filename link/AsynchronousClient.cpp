@@ -924,41 +924,40 @@ long int AsynchronousClient::readBits(long int channel, BitType type, long int *
     return status;
 }
 
-long int AsynchronousClient::registerBits(long int channel, BitType type, long int *bits, int count)
+long int AsynchronousClient::changeBits(const char *signature, long int channel, int type, long int *bits,
+                                        int count, bool add)
 {
     QMutexLocker lock(&m_mutex);
-    if (linkDown(kRegisterBitsSig))
+    if (linkDown(signature))
         return StatusDisconnected;
     if (isDirectMode()) {
         if (debugErrors())
-            qDebug() << kRegisterBitsSig << " CommModeError";
+            qDebug() << signature << " CommModeError";
         return StatusModeError;
     }
-    if (bitsCheck(kRegisterBitsSig, channel, type, bits, count, nullptr, false) != StatusOk)
+    if (bitsCheck(signature, channel, type, bits, count, nullptr, false) != StatusOk)
         return StatusParError;
     {
         std::unique_lock<std::mutex> data(m_dataMutex);
-        for (int i = 0; i < count; ++i)
-            m_values.insert(bitWordAddress(channel, type, bits[i]), 0);
+        for (int i = 0; i < count; ++i) {
+            const qint32 word = bitWordAddress(channel, type, bits[i]);
+            if (add)
+                m_values.insert(word, 0);
+            else
+                m_values.remove(word);
+        }
     }
-    wakeLoop();
+    if (add)
+        wakeLoop();
     return StatusOk;
+}
+
+long int AsynchronousClient::registerBits(long int channel, BitType type, long int *bits, int count)
+{
+    return changeBits(kRegisterBitsSig, channel, type, bits, count, true);
 }
 
 long int AsynchronousClient::removeBits(long int channel, BitType type, long int *bits, int count)
 {
-    QMutexLocker lock(&m_mutex);
-    if (linkDown(kRemoveBitsSig))
-        return StatusDisconnected;
-    if (isDirectMode()) {
-        if (debugErrors())
-            qDebug() << kRemoveBitsSig << " CommModeError";
-        return StatusModeError;
-    }
-    if (bitsCheck(kRemoveBitsSig, channel, type, bits, count, nullptr, false) != StatusOk)
-        return StatusParError;
-    std::unique_lock<std::mutex> data(m_dataMutex);
-    for (int i = 0; i < count; ++i)
-        m_values.remove(bitWordAddress(channel, type, bits[i]));
-    return StatusOk;
+    return changeBits(kRemoveBitsSig, channel, type, bits, count, false);
 }

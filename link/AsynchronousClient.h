@@ -283,6 +283,8 @@ private:
                            bool singleFrame);
     long int bitsCheck(const char *signature, long int channel, int type, long int *bits, int count,
                        long int *values, bool needValues);
+    // registerBits (add) and removeBits: the words holding the bits.
+    long int changeBits(const char *signature, long int channel, int type, long int *bits, int count, bool add);
 
     QTcpSocket *m_socket = nullptr;   // lives in run()
     quint8 m_sendBuf[HProtocol_Client::kBufferSize];
