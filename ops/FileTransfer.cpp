@@ -254,41 +254,37 @@ long int AsynchronousClient::uploadFile(long int type, long int channel, char *f
 // ---------------------------------------------------------------------------
 // Replies
 
-void AsynchronousClient::onReciveCmdSetFileInf(int state)
+// Set file and state query answer alike: 0 clears the error flag, every
+// other state sets it and is reported under category 1.
+static void fileInfReply(AsynchronousClient *client, std::atomic<int> &errorFlag, int state, bool query,
+                         bool logErrors)
 {
     if (state == 0) {
-        m_errorFlag.store(0);
-    } else {
-        m_errorFlag.store(1);
-        QByteArray unknown;
-        const char *text = setFileText(state, false, &unknown);
-        if (debugErrors()) {
-            if (state == kAlarmState)
-                qDebug().noquote() << "onReciveCmdSetFileInf" << text << "state==" << state;
-            else if (!unknown.isEmpty())
-                qDebug().noquote() << kUnforeseenText << state;
-        }
-        onErrorOccured(kFileInfCategory, state, text);
-    }
-    m_isSetFileOk.store(m_errorFlag.load() == 0);
-}
-
-void AsynchronousClient::onReciveCmdGetFileTransState(int state)
-{
-    if (state == 0) {
-        m_errorFlag.store(0);
+        errorFlag.store(0);
         return;
     }
-    m_errorFlag.store(1);
+    errorFlag.store(1);
     QByteArray unknown;
-    const char *text = setFileText(state, true, &unknown);
-    if (debugErrors()) {
+    const char *text = setFileText(state, query, &unknown);
+    if (logErrors) {
         if (state == kAlarmState)
             qDebug().noquote() << "onReciveCmdSetFileInf" << text << "state==" << state;
         else if (!unknown.isEmpty())
             qDebug().noquote() << kUnforeseenText << state;
     }
-    onErrorOccured(kFileInfCategory, state, text);
+    client->onErrorOccured(kFileInfCategory, state, text);
+}
+
+void AsynchronousClient::onReciveCmdSetFileInf(int state)
+{
+    fileInfReply(this, m_errorFlag, state, false, debugErrors());
+    m_isSetFileOk.store(m_errorFlag.load() == 0);
+}
+
+void AsynchronousClient::onReciveCmdGetFileTransState(int state)
+{
+    // A query leaves isSetFileOk alone.
+    fileInfReply(this, m_errorFlag, state, true, debugErrors());
 }
 
 // Overwrite and append differ in category and wording only; the blank after
