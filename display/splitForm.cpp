@@ -290,10 +290,6 @@ void splitForm::updataTimeOutFunction()
     variableNumbers = toVariableNumbers(sub->addresses);
     if (variableNumbers.isEmpty())
         return;
-    // A panel whose connect failed has no link to ask: the values it shows
-    // stay, and the tick costs nothing instead of a reply time-out.
-    if (!connected)
-        return;
 
     std::vector<long> ids(variableNumbers.begin(), variableNumbers.end());
     std::vector<long> values(ids.size(), 0);
