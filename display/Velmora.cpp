@@ -135,12 +135,27 @@ void Velmora::placePanels()
         grid->setColumnStretch(i, 0);
 }
 
+void Velmora::warn(const QString &text)
+{
+    UiSeam::information(this, QString::fromUtf8(kErrorTitle), text);
+}
+
 bool Velmora::refusedInConfigMode()
 {
     if (!configMode)
         return false;
-    UiSeam::information(this, QString::fromUtf8(kErrorTitle), QString::fromUtf8(kConfigRefusal));
+    warn(QString::fromUtf8(kConfigRefusal));
     return true;
+}
+
+splitForm *Velmora::targetPanel(const QString &noneFocused)
+{
+    if (refusedInConfigMode())
+        return nullptr;
+    splitForm *panel = focusedPanel();
+    if (!panel)
+        warn(noneFocused);
+    return panel;
 }
 
 void Velmora::addSplitForm_clicked()
@@ -148,8 +163,7 @@ void Velmora::addSplitForm_clicked()
     if (refusedInConfigMode())
         return;
     if ((_splitForm.size() + 1) * kPanelWidth > width()) {
-        UiSeam::information(this, QString::fromUtf8(kErrorTitle),
-                            QStringLiteral("达到最大显示个数\n\r"));
+        warn(QStringLiteral("达到最大显示个数\n\r"));
         return;
     }
     splitForm *panel = createPanel(-1, -1);
@@ -163,14 +177,9 @@ void Velmora::addSplitForm_clicked()
 
 void Velmora::removeSplitForm_clicked()
 {
-    if (refusedInConfigMode())
+    splitForm *panel = targetPanel(QStringLiteral("选择需要删除窗口\n\r"));
+    if (!panel)
         return;
-    splitForm *panel = focusedPanel();
-    if (!panel) {
-        UiSeam::information(this, QString::fromUtf8(kErrorTitle),
-                            QStringLiteral("选择需要删除窗口\n\r"));
-        return;
-    }
     grid->removeWidget(panel);
     _splitForm.removeOne(panel);
     delete panel;
@@ -179,14 +188,9 @@ void Velmora::removeSplitForm_clicked()
 
 void Velmora::mytestFunction()
 {
-    if (refusedInConfigMode())
+    splitForm *panel = targetPanel(QStringLiteral("\t请选中需要切换的设备模块表格\n\r"));
+    if (!panel)
         return;
-    splitForm *panel = focusedPanel();
-    if (!panel) {
-        UiSeam::information(this, QString::fromUtf8(kErrorTitle),
-                            QStringLiteral("\t请选中需要切换的设备模块表格\n\r"));
-        return;
-    }
     bool ok = false;
     const QString ip = UiSeam::getText(this, QStringLiteral(" 切换设备"), QStringLiteral("设备IP:"),
                                        QString(), &ok);

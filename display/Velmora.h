@@ -13,8 +13,8 @@ class QGridLayout;
 class setPar;
 class splitForm;
 
-// The main window a host embeds: display panels side by side, each 218
-// pixels at least, and a configuration mode in which the module editor
+// The main window a host embeds: display panels side by side, as many as
+// the width allows at 218 pixels each, and a configuration mode in which the module editor
 // takes their place. The panel layout is kept in "dialogProtocol.ini" in the
 // working directory.
 class VELMORA_EXPORT Velmora : public QMainWindow
@@ -42,7 +42,12 @@ private:
     splitForm *createPanel(int functionIndex, int subFunctionIndex);
     splitForm *focusedPanel() const;
     void placePanels();
+    // Information box titled "错误警告".
+    void warn(const QString &text);
     bool refusedInConfigMode();
+    // The focused panel an action applies to; null, after telling the user
+    // why, in configuration mode or when no panel's table has focus.
+    splitForm *targetPanel(const QString &noneFocused);
 
     // configuration editor hook
     void enterConfiguration();
