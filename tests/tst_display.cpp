@@ -44,6 +44,15 @@ private:
         return qobject_cast<QTableWidget *>(panel.findChild<QTabWidget *>()->currentWidget());
     }
     static QString cell(QTableWidget *t, int r, int c) { return t->item(r, c) ? t->item(r, c)->text() : QString(); }
+    static QStringList methods(const QMetaObject &mo, QMetaMethod::MethodType type)
+    {
+        QStringList list;
+        for (int i = mo.methodOffset(); i < mo.methodCount(); ++i) {
+            if (mo.method(i).methodType() == type)
+                list << QString::fromLatin1(mo.method(i).methodSignature());
+        }
+        return list;
+    }
 
     QStringList boxes;   // "title|text" of every information box
 };
@@ -115,6 +124,14 @@ void tst_display::panelShowsTheLabelsFile()
 {
     splitForm panel;
     QCOMPARE(panel.objectName(), QStringLiteral("splitForm"));
+    QCOMPARE(panel.windowTitle(), QStringLiteral("Form"));
+    // Hosts reach these through the meta-object, by index as well as by name.
+    QCOMPARE(methods(splitForm::staticMetaObject, QMetaMethod::Signal),
+             QStringList({"copySignal(QStringList)", "pasteSignal()"}));
+    QCOMPARE(methods(splitForm::staticMetaObject, QMetaMethod::Slot),
+             QStringList({"on_functionModule_activated(QString)", "show_menu(QPoint)", "copyColumData()",
+                          "pasteColumData()", "on_channel_activated(int)", "updataTimeOutFunction()",
+                          "onVarTableCellClicked(int,int)"}));
     QCOMPARE(panel.findChild<QLabel *>("label")->text(), QStringLiteral("TextLabel"));
     QComboBox *modules = panel.findChild<QComboBox *>("functionModule");
     QCOMPARE(modules->count(), 2);
@@ -145,12 +162,15 @@ void tst_display::panelShowsTheLabelsFile()
     QCOMPARE(menu->actions().at(0)->text(), QStringLiteral("复制"));
     QCOMPARE(menu->actions().at(1)->text(), QStringLiteral("粘贴"));
 
-    // Selecting the other module by name shows its page; an unknown name changes nothing.
-    QVERIFY(QMetaObject::invokeMethod(&panel, "on_functionModule_activated", Q_ARG(QString, "寄存器")));
+    // Choosing the other module in the combo box (its slot is connected by
+    // name) shows its page; an unknown name changes nothing. Same for the channel.
+    QVERIFY(QMetaObject::invokeMethod(modules, "activated", Q_ARG(QString, "寄存器")));
     QCOMPARE(tabs->count(), 1);
     QCOMPARE(tabs->tabText(0), QStringLiteral("寄存器页"));
-    QVERIFY(QMetaObject::invokeMethod(&panel, "on_functionModule_activated", Q_ARG(QString, "nothing")));
+    QVERIFY(QMetaObject::invokeMethod(modules, "activated", Q_ARG(QString, "nothing")));
     QCOMPARE(tabs->tabText(0), QStringLiteral("寄存器页"));
+    QVERIFY(QMetaObject::invokeMethod(channels, "activated", Q_ARG(int, 7)));
+    QCOMPARE(panel.channelNumber(), 8);
 
     // Out-of-range positions are ignored part by part.
     panel.setPosition(0, 1);
@@ -314,14 +334,13 @@ void tst_display::copyTakesOnlyValueCells()
     QTableWidget *t = shownTable(panel);
     QSignalSpy spy(&panel, &splitForm::copySignal);
     t->setSelectionMode(QAbstractItemView::MultiSelection);
-    t->item(1, 1)->setSelected(true);
-    t->item(1, 0)->setSelected(true);
     t->item(3, 1)->setSelected(true);
+    t->item(1, 0)->setSelected(true);
+    t->item(1, 1)->setSelected(true);
     QVERIFY(QMetaObject::invokeMethod(&panel, "copyColumData"));
     QCOMPARE(spy.count(), 1);
-    QStringList copied = spy.at(0).at(0).toStringList();
-    copied.sort();
-    QCOMPARE(copied, QStringList({"2", "4"}));
+    // In the order the cells were selected, not the order of the rows.
+    QCOMPARE(spy.at(0).at(0).toStringList(), QStringList({"4", "2"}));
 
     // Nothing to copy on a page without "Value".
     panel.setPosition(0, 1);
