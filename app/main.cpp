@@ -1,10 +1,11 @@
-// velmora-demo [ADDRESS] [--screenshot FILE] [--panels N]
+// velmora-demo [ADDRESS] [--screenshot FILE] [--panels N] [--verbose]
 //
 // Shows the Velmora main window. Without ADDRESS a simulated controller is
 // started in this process on 127.0.0.1 with values that change over time,
 // so the 200 ms refresh is visible. With --screenshot the window is rendered
 // to FILE (PNG) after a few refresh ticks and the program exits; that also
-// works headless with QT_QPA_PLATFORM=offscreen.
+// works headless with QT_QPA_PLATFORM=offscreen. The library's diagnostic
+// lines reach the terminal only with --verbose.
 
 #include "ControllerSim.h"
 #include "Velmora.h"
@@ -14,6 +15,7 @@
 #include <QCommandLineParser>
 #include <QDir>
 #include <QFileInfo>
+#include <QLoggingCategory>
 #include <QTemporaryDir>
 #include <QTimer>
 
@@ -54,9 +56,18 @@ int main(int argc, char *argv[])
                                      QStringLiteral("FILE"));
     QCommandLineOption panelsOpt(QStringLiteral("panels"), QStringLiteral("Number of panels (default 3)."),
                                  QStringLiteral("N"), QStringLiteral("3"));
+    QCommandLineOption verboseOpt(QStringLiteral("verbose"),
+                                  QStringLiteral("Print the library's diagnostic lines."));
     parser.addOption(screenshotOpt);
     parser.addOption(panelsOpt);
+    parser.addOption(verboseOpt);
     parser.process(app);
+
+    // The diagnostics are debug messages of category "default". Every panel
+    // puts the default message handler back, so they are held back by
+    // category rather than by a handler of our own; QT_LOGGING_RULES still wins.
+    if (!parser.isSet(verboseOpt))
+        QLoggingCategory::setFilterRules(QStringLiteral("default.debug=false"));
 
     // Absolute before the working directory changes below.
     const QString screenshot = parser.isSet(screenshotOpt)

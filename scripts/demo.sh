@@ -4,7 +4,8 @@
 # with every 200 ms refresh.
 #   with a display:  the window opens (close it to end)
 #   headless:        the window is rendered offscreen to BUILD_DIR/velmora-demo.png
-# Usage: scripts/demo.sh BUILD_DIR [velmora-demo options, e.g. an address or --panels N]
+# Usage: scripts/demo.sh BUILD_DIR [velmora-demo options: an address, --panels N,
+#        --verbose for the library's diagnostic lines]
 set -euo pipefail
 build=$(cd "$1" && pwd); shift || true
 demo="$build/app/velmora-demo"
