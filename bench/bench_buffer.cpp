@@ -11,20 +11,18 @@
 //   stream below does that (one request per write).
 // - "large writes" shows the other side: 1 MB written as 4800-byte writes is
 //   accepted, but only the pieces shorter than 480 bytes reach the
-//   controller (here: none).
+//   controller (here: only the 256-byte tail of the last write).
 // - Each busy reply costs a send-next request whose build busy-waits 50 ms,
 //   so a few busy replies dominate the time of a whole megabyte.
 //
 // Usage: bench_buffer [address]   (default 127.0.0.78)
 #include "velmora.h"
 #include "ControllerSim.h"
+#include "bench_floor.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
-#include <QTcpSocket>
 #include <QThread>
-
-#include <sched.h>
 
 #include <cstdio>
 
@@ -33,29 +31,6 @@ namespace {
 const int kTotal = 1 << 20;
 const int kStreamPiece = 479;   // the largest write that is sent whole
 const int kRawText = 480;       // 7 + 2 + 480 + 1 = 490-byte request
-
-int pinToOneCpu()
-{
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    if (sched_getaffinity(0, sizeof set, &set) != 0)
-        return -1;
-    int cpu = 0;
-    while (cpu < CPU_SETSIZE && !CPU_ISSET(cpu, &set))
-        ++cpu;
-    CPU_ZERO(&set);
-    CPU_SET(cpu, &set);
-    // Threads made afterwards (simulator, buffer) inherit the mask.
-    return sched_setaffinity(0, sizeof set, &set) == 0 ? cpu : -1;
-}
-
-QByteArray pattern(int length)
-{
-    QByteArray text(length, '\0');
-    for (int i = 0; i < length; ++i)
-        text[i] = char('A' + i % 26);
-    return text;
-}
 
 template <typename F>
 bool waitFor(F cond, int ms)
@@ -89,7 +64,7 @@ qint64 stream(ControllerSim &sim, QByteArray address, int total, int piece, qint
         return -1;
     }
     const int usedBefore = sim.dncMemoryUsed();
-    QByteArray chunk = pattern(piece);
+    QByteArray chunk = bench::pattern(piece);
     QElapsedTimer timer;
     timer.start();
     for (int written = 0; written < total;) {
@@ -113,48 +88,11 @@ qint64 stream(ControllerSim &sim, QByteArray address, int total, int piece, qint
     return stored;
 }
 
-// The floor: the same amount of text as 490-byte appends over a plain
-// socket, one request and one short reply at a time.
-qint64 rawFloor(const QString &address, int total, qint64 *ns, int *requests)
-{
-    QTcpSocket socket;
-    socket.connectToHost(address, 60000);
-    if (!socket.waitForConnected(2000))
-        return -1;
-    socket.setSocketOption(QAbstractSocket::LowDelayOption, 1);
-    auto exchange = [&](const QByteArray &pdu, int replySize) {
-        QByteArray frame(7, '\0');
-        frame[4] = char((pdu.size() + 1) & 0xff);
-        frame[5] = char((pdu.size() + 1) >> 8);
-        socket.write(frame + pdu);
-        QByteArray reply;
-        while (reply.size() < replySize && socket.waitForReadyRead(1000))
-            reply += socket.readAll();
-        return reply.size() == replySize;
-    };
-    // Announce "RAW" on channel 2 (type byte 1), then append.
-    if (!exchange(QByteArray::fromHex("64010201") + "RAW" + QByteArray(1, '\0'), 12))
-        return -1;
-    const QByteArray append = QByteArray::fromHex("6402") + pattern(kRawText) + QByteArray(1, '\0');
-    QElapsedTimer timer;
-    timer.start();
-    qint64 sent = 0;
-    *requests = 0;
-    while (sent < total) {
-        if (!exchange(append, 10))
-            return -1;
-        sent += kRawText;
-        ++*requests;
-    }
-    *ns = timer.nsecsElapsed();
-    return sent;
-}
-
 } // namespace
 
 int main(int argc, char **argv)
 {
-    const int cpu = pinToOneCpu();
+    const int cpu = bench::pinToOneCpu();
     QCoreApplication app(argc, argv);
     const QString address = argc > 1 ? QString::fromLatin1(argv[1]) : QStringLiteral("127.0.0.78");
     ControllerSim sim(address);
@@ -168,7 +106,13 @@ int main(int argc, char **argv)
 
     qint64 ns = 0;
     int requests = 0;
-    const qint64 raw = rawFloor(address, kTotal, &ns, &requests);
+    // "RAW" on channel 2, type byte 1
+    ns = bench::rawFloor(address, 2, 1, kRawText, kTotal, &requests);
+    if (ns < 0) {
+        std::printf("raw floor failed\n");
+        return 1;
+    }
+    const qint64 raw = qint64(requests) * kRawText;
     report("raw floor, 490-byte requests", raw, ns, requests);
     const double rawRate = raw / (ns / 1e9);
 

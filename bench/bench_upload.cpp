@@ -8,12 +8,10 @@
 // Usage: bench_upload [address] [runs]   (default 127.0.0.60, 5 runs)
 #include "AsynchronousClient.h"
 #include "ControllerSim.h"
+#include "bench_floor.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
-#include <QTcpSocket>
-
-#include <sched.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -23,29 +21,6 @@ namespace {
 
 const int kTotal = 100 * 1024;
 const int kChunk = 400;   // 7 + 2 + 400 + 1 = 410-byte request
-
-int pinToOneCpu()
-{
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    if (sched_getaffinity(0, sizeof set, &set) != 0)
-        return -1;
-    int cpu = 0;
-    while (cpu < CPU_SETSIZE && !CPU_ISSET(cpu, &set))
-        ++cpu;
-    CPU_ZERO(&set);
-    CPU_SET(cpu, &set);
-    // Threads made afterwards (simulator, client) inherit the mask.
-    return sched_setaffinity(0, sizeof set, &set) == 0 ? cpu : -1;
-}
-
-QByteArray pattern(int length)
-{
-    QByteArray text(length, '\0');
-    for (int i = 0; i < length; ++i)
-        text[i] = char('A' + i % 26);
-    return text;
-}
 
 void report(const char *what, qint64 bytes, qint64 ns, int requests)
 {
@@ -61,45 +36,11 @@ qint64 median(std::vector<qint64> v)
     return v.empty() ? 0 : v[v.size() / 2];
 }
 
-// The same text as 410-byte appends over a plain socket, one request and
-// one short reply at a time.
-qint64 rawFloor(const QString &address, int total, int *requests)
-{
-    QTcpSocket socket;
-    socket.connectToHost(address, 60000);
-    if (!socket.waitForConnected(2000))
-        return -1;
-    socket.setSocketOption(QAbstractSocket::LowDelayOption, 1);
-    auto exchange = [&](const QByteArray &pdu, int replySize) {
-        QByteArray frame(7, '\0');
-        frame[4] = char((pdu.size() + 1) & 0xff);
-        frame[5] = char((pdu.size() + 1) >> 8);
-        socket.write(frame + pdu);
-        QByteArray reply;
-        while (reply.size() < replySize && socket.waitForReadyRead(1000))
-            reply += socket.readAll();
-        return reply.size() == replySize;
-    };
-    // Announce "RAW" on channel 1 (type byte 3), then append.
-    if (!exchange(QByteArray::fromHex("64010103") + "RAW" + QByteArray(1, '\0'), 12))
-        return -1;
-    const QByteArray append = QByteArray::fromHex("6402") + pattern(kChunk) + QByteArray(1, '\0');
-    QElapsedTimer timer;
-    timer.start();
-    *requests = 0;
-    for (int sent = 0; sent < total; sent += kChunk) {
-        if (!exchange(append, 10))
-            return -1;
-        ++*requests;
-    }
-    return timer.nsecsElapsed();
-}
-
 } // namespace
 
 int main(int argc, char **argv)
 {
-    const int cpu = pinToOneCpu();
+    const int cpu = bench::pinToOneCpu();
     QCoreApplication app(argc, argv);
     const QString address = argc > 1 ? QString::fromLatin1(argv[1]) : QStringLiteral("127.0.0.60");
     const int runs = argc > 2 ? qMax(1, atoi(argv[2])) : 5;
@@ -116,13 +57,14 @@ int main(int argc, char **argv)
         std::printf("cannot connect to %s\n", qPrintable(address));
         return 1;
     }
-    const QByteArray text = pattern(kTotal);
+    const QByteArray text = bench::pattern(kTotal);
     char name[] = "BENCH";
     std::vector<qint64> rawRuns;
     std::vector<qint64> uploadRuns;
     int rawRequests = 0;
     for (int run = 0; run < runs; ++run) {
-        const qint64 raw = rawFloor(address, kTotal, &rawRequests);
+        // "RAW" on channel 1, type byte 3
+        const qint64 raw = bench::rawFloor(address, 1, 3, kChunk, kTotal, &rawRequests);
         if (raw < 0) {
             std::printf("raw floor failed\n");
             return 1;
