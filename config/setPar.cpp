@@ -167,5 +167,10 @@ void setPar::on_removeModule_clicked()
 
 void setPar::on_moduleFunction_activated(int index)
 {
+    // Enter in the empty box inserts the typed text as an item. Modules
+    // come only from addModule: an item without a page would take the name
+    // of the next module added at save time, so it goes again.
+    while (ui->moduleFunction->count() > pages.size())
+        ui->moduleFunction->removeItem(ui->moduleFunction->count() - 1);
     showPage(index);
 }

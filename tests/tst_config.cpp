@@ -233,10 +233,14 @@ private slots:
     void addedNameRepeatsAfterRemoval()
     {
         setPar editor; // no labels file: empty editor
+        auto *combo = editor.findChild<QComboBox *>("moduleFunction");
+        QTest::keyClicks(combo->lineEdit(), "Typed"); // nothing to rename: no module appears
+        QTest::keyClick(combo->lineEdit(), Qt::Key_Return);
+        QCOMPARE(combo->count(), 0);
         UiSeam::questionHook = [](QWidget *, const QString &, const QString &, const QStringList &) { return 0; };
         click(&editor, "addModule");
         click(&editor, "addModule");
-        editor.findChild<QComboBox *>("moduleFunction")->setCurrentIndex(0);
+        combo->setCurrentIndex(0);
         click(&editor, "removeModule");
         click(&editor, "addModule");
         click(&editor, "save");
