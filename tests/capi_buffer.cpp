@@ -1,24 +1,18 @@
 // The remote buffer's C entry points the way a plain C host uses them: no
 // QCoreApplication, no event loop, calls from plain OS threads. The
-// controller is the velmora-sim program in a process of its own (its log of
-// requests tells what arrived); 127.0.0.80 from the remote buffer's range,
+// simulated controller runs in this same process, which shows it needs no
+// application object either; 127.0.0.80 from the remote buffer's range,
 // and 127.0.0.88 with nothing listening.
 #include "velmora.h"
+#include "ControllerSim.h"
 
 #include <chrono>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
-#include <fcntl.h>
-#include <spawn.h>
 #include <string>
-#include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
-
-extern char **environ;
 
 namespace {
 
@@ -86,19 +80,6 @@ void nullAndBadArguments()
     CHECK(bufOpen(text("127.0.0.88"), 0, 100) == nullptr);
 }
 
-// A line of velmora-sim's request log: letter, size, the first 24 bytes.
-std::string logLine(const std::string &frame)
-{
-    std::string line(1, frame.size() > 7 ? frame[7] : '?');
-    line += " " + std::to_string(frame.size());
-    for (size_t i = 0; i < frame.size() && i < 24; ++i) {
-        char hex[4];
-        std::snprintf(hex, sizeof hex, " %02x", unsigned(static_cast<unsigned char>(frame[i])));
-        line += hex;
-    }
-    return line + (frame.size() > 24 ? " ...\n" : "\n");
-}
-
 std::string frame(const std::string &pdu)
 {
     std::string f(7, '\0');
@@ -106,82 +87,27 @@ std::string frame(const std::string &pdu)
     return f + pdu;
 }
 
-struct SimProcess {
-    pid_t pid = -1;
-    std::string logPath;
+bool received(const ControllerSim &sim, const std::string &frameBytes)
+{
+    return sim.requests().contains(QByteArray(frameBytes.data(), int(frameBytes.size())));
+}
 
-    bool start(const char *address)
-    {
-        const char *dir = std::getenv("VELMORA_BINARY_DIR");
-        const std::string program = std::string(dir ? dir : ".") + "/sim/velmora-sim";
-        logPath = "/tmp/capi_buffer_sim_" + std::to_string(getpid()) + ".log";
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, logPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        const std::string addressText(address);
-        char *args[] = {const_cast<char *>(program.c_str()), const_cast<char *>("--address"),
-                        const_cast<char *>(addressText.c_str()), nullptr};
-        const int rc = posix_spawn(&pid, program.c_str(), &actions, nullptr, args, environ);
-        posix_spawn_file_actions_destroy(&actions);
-        if (rc != 0) {
-            std::fprintf(stderr, "cannot start %s\n", program.c_str());
-            pid = -1;
-            return false;
-        }
-        return waitFor([&] { return log().find("listening on") != std::string::npos; }, 5000);
-    }
-
-    std::string log() const
-    {
-        std::string text;
-        if (FILE *f = std::fopen(logPath.c_str(), "r")) {
-            char chunk[4096];
-            size_t n;
-            while ((n = std::fread(chunk, 1, sizeof chunk, f)) > 0)
-                text.append(chunk, n);
-            std::fclose(f);
-        }
-        return text;
-    }
-
-    bool logged(const std::string &frameBytes) const
-    {
-        return log().find(logLine(frameBytes)) != std::string::npos;
-    }
-
-    ~SimProcess()
-    {
-        if (pid > 0) {
-            kill(pid, SIGTERM);
-            int status = 0;
-            for (int i = 0; i < 300 && waitpid(pid, &status, WNOHANG) == 0; ++i)
-                std::this_thread::sleep_for(std::chrono::milliseconds(10));
-            if (waitpid(pid, &status, WNOHANG) == 0) {
-                kill(pid, SIGKILL);
-                waitpid(pid, &status, 0);
-            }
-        }
-        if (!logPath.empty())
-            std::remove(logPath.c_str());
-    }
-};
-
-void streamThroughSimulator(const SimProcess &sim)
+void streamThroughSimulator(const ControllerSim &sim)
 {
     const std::string setFile = frame(std::string("\x64\x01\x03\x01" "DNC", 7) + '\0');
     void *h = bufOpen(text("127.0.0.80"), 1, 3);
     CHECK(waitFor([&] { return getBufState(h) == 5; }, 3000));
-    CHECK(sim.logged(setFile));
+    CHECK(received(sim, setFile));
     CHECK(std::strcmp(getBufStateInf(h), "Command queue is empty.") == 0);
     CHECK(getBufValidCnt(h) == 480000);
     CHECK(bufWrite(h, text("N1 G1 X1\n")) == 1);
     CHECK(bufWrite(h, text("N2 M30\n")) == 1);
     CHECK(bufWrite(h, nullptr) == 0);
-    CHECK(waitFor([&] { return sim.logged(frame(std::string("\x64\x02N2 M30\n") + '\0')); }, 3000));
-    CHECK(sim.logged(frame(std::string("\x64\x02N1 G1 X1\n") + '\0')));
+    CHECK(waitFor([&] { return received(sim, frame(std::string("\x64\x02N2 M30\n") + '\0')); }, 3000));
+    CHECK(received(sim, frame(std::string("\x64\x02N1 G1 X1\n") + '\0')));
     CHECK(waitFor([&] { return getBufState(h) == 5; }, 3000));
     CHECK(bufClear(h) == 1);
-    CHECK(waitFor([&] { return sim.logged(frame(std::string("\x64\x03", 2) + '\0')); }, 3000));
+    CHECK(waitFor([&] { return received(sim, frame(std::string("\x64\x03", 2) + '\0')); }, 3000));
 
     CHECK(bufClose(h) == 1);
     // Winding down: a closed buffer, not a crash.
@@ -233,8 +159,8 @@ void openCloseLoop()
 int main()
 {
     nullAndBadArguments();
-    SimProcess sim;
-    CHECK(sim.start("127.0.0.80"));
+    ControllerSim sim(QStringLiteral("127.0.0.80"));
+    CHECK(sim.start());
     std::thread([&] { streamThroughSimulator(sim); }).join();
     openCloseLoop();
     std::printf("%s\n", failures ? "FAILED" : "PASSED");
