@@ -14,6 +14,9 @@ setPar::setPar(QWidget *parent)
     ui->setupUi(this);
     ui->moduleFunction->setEditable(true);
     ui->moduleFunction->setInsertPolicy(QComboBox::InsertAtCurrent);
+    // Otherwise Enter on a name that some module has already, in any case,
+    // jumps to that module instead of renaming; the save reports true duplicates.
+    ui->moduleFunction->setDuplicatesEnabled(true);
     connect(ui->moduleFunction, &QComboBox::currentTextChanged, this, &setPar::moduleFunctionTextChanged);
 
     LabelsFile *file = new LabelsFile;

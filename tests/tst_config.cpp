@@ -230,6 +230,26 @@ private slots:
         QCOMPARE(file.readAll() == before, !expectedBoxes.isEmpty());
     }
 
+    // Enter renames the current module whatever the text; equal names are
+    // the save's to report, and names differing in case are no duplicates.
+    void renameToAnotherModulesName()
+    {
+        writeLabels({makeModule("a", {}), makeModule("b", {})}, 2);
+        setPar editor;
+        auto *combo = editor.findChild<QComboBox *>("moduleFunction");
+        combo->setCurrentIndex(1);
+        for (const char *name : {"A", "a"}) {
+            combo->lineEdit()->selectAll();
+            QTest::keyClicks(combo->lineEdit(), name);
+            QTest::keyClick(combo->lineEdit(), Qt::Key_Return);
+            QCOMPARE(combo->currentIndex(), 1);
+            QCOMPARE(combo->itemText(1), QString(name));
+            QCOMPARE(combo->itemText(0), QString("a"));
+        }
+        click(&editor, "save");
+        QCOMPARE(boxes, QStringList{"错误警告|模块0和模块1设置重名"});
+    }
+
     void addedNameRepeatsAfterRemoval()
     {
         setPar editor; // no labels file: empty editor
