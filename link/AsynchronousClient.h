@@ -255,6 +255,9 @@ private:
     long int writeVarLocked(qint32 address, qint32 value);
     long int readVarLocked(qint32 address, qint32 *value);
     void finishErrorFile();
+    // Start of overwrite and append: takes m_mutex and checks the link and
+    // the announced file. 0 with the lock held, else 7 or 1 with it released.
+    long int lockForText(const char *signature, const char *txt);
 
 protected:
     // ---- end of controller operations

@@ -114,19 +114,27 @@ long int AsynchronousClient::setTransFileType(long int type, long int channel, c
     return result;
 }
 
-long int AsynchronousClient::overwrite(char *txt)
+long int AsynchronousClient::lockForText(const char *signature, const char *txt)
 {
     m_mutex.lock();
-    if (linkDown(kOverwriteSig)) {
+    if (linkDown(signature)) {
         m_mutex.unlock();
         return StatusDisconnected;
     }
     if (!m_isSetFileOk.load() || !txt) {
         if (debugErrors())
-            logNotSet(kOverwriteSig, m_isSetFileOk.load(), txt, payloadTxtSize());
+            logNotSet(signature, m_isSetFileOk.load(), txt, payloadTxtSize());
         m_mutex.unlock();
         return StatusParError;
     }
+    return StatusOk;
+}
+
+long int AsynchronousClient::overwrite(char *txt)
+{
+    const long int refused = lockForText(kOverwriteSig, txt);
+    if (refused != StatusOk)
+        return refused;
     const bool traceBytes = debugDetails();
     char chunk[kChunkSize + 1] = {};
     int n = 0;
@@ -163,17 +171,9 @@ long int AsynchronousClient::overwrite(char *txt)
 
 long int AsynchronousClient::append(char *txt)
 {
-    m_mutex.lock();
-    if (linkDown(kAppendSig)) {
-        m_mutex.unlock();
-        return StatusDisconnected;
-    }
-    if (!m_isSetFileOk.load() || !txt) {
-        if (debugErrors())
-            logNotSet(kAppendSig, m_isSetFileOk.load(), txt, payloadTxtSize());
-        m_mutex.unlock();
-        return StatusParError;
-    }
+    const long int refused = lockForText(kAppendSig, txt);
+    if (refused != StatusOk)
+        return refused;
     const bool traceBytes = debugDetails();
     m_moreToSend.store(true);
     int k = 0;
