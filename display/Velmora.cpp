@@ -57,18 +57,18 @@ Velmora::Velmora(QWidget *parent)
     }
     delete settings;
 
-    addAction = new QAction(QStringLiteral("增加显示窗口"), this);
-    removeAction = new QAction(QStringLiteral("删除显示窗口"), this);
-    switchAction = new QAction(QStringLiteral("切换设备"), this);
+    addPanelAction = new QAction(QStringLiteral("增加显示窗口"), this);
+    removePanelAction = new QAction(QStringLiteral("删除显示窗口"), this);
+    switchDeviceAction = new QAction(QStringLiteral("切换设备"), this);
     configAction = new QAction(QStringLiteral("配置参数"), this);
-    toolBar->addAction(addAction);
+    toolBar->addAction(addPanelAction);
     toolBar->addSeparator();
-    toolBar->addAction(removeAction);
-    toolBar->addAction(switchAction);
+    toolBar->addAction(removePanelAction);
+    toolBar->addAction(switchDeviceAction);
     toolBar->addAction(configAction);
-    connect(addAction, &QAction::triggered, this, &Velmora::addSplitForm_clicked);
-    connect(removeAction, &QAction::triggered, this, &Velmora::removeSplitForm_clicked);
-    connect(switchAction, &QAction::triggered, this, &Velmora::mytestFunction);
+    connect(addPanelAction, &QAction::triggered, this, &Velmora::addSplitForm_clicked);
+    connect(removePanelAction, &QAction::triggered, this, &Velmora::removeSplitForm_clicked);
+    connect(switchDeviceAction, &QAction::triggered, this, &Velmora::mytestFunction);
     connect(configAction, &QAction::triggered, this, &Velmora::setParFunction);
 }
 

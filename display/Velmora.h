@@ -60,9 +60,10 @@ private:
     setPar *configEditor = nullptr;
     bool configMode = false;
     QGridLayout *grid = nullptr;
-    QAction *addAction = nullptr;
-    QAction *removeAction = nullptr;
-    QAction *switchAction = nullptr;
+    // Named apart from QWidget::addAction/removeAction, which hosts call on the window.
+    QAction *addPanelAction = nullptr;
+    QAction *removePanelAction = nullptr;
+    QAction *switchDeviceAction = nullptr;
     QAction *configAction = nullptr;
 };
 

@@ -129,6 +129,11 @@ void tst_mainwindow::toolbar()
     QCOMPARE(names, QStringList({"addSplitForm_clicked()", "removeSplitForm_clicked()", "mytestFunction()",
                                  "setParFunction()", "splitFormPasteFunction()",
                                  "splitFormCopyFunction(QStringList)"}));
+    // A host can still give the window actions of its own.
+    QAction shortcut(QStringLiteral("host"));
+    w.addAction(&shortcut);
+    QVERIFY(w.actions().contains(&shortcut));
+    w.removeAction(&shortcut);
     w.resize(700, 500);
     actions.at(0)->trigger();
     QCOMPARE(panels(w).size(), 1);
