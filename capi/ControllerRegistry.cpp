@@ -27,8 +27,9 @@ bool ControllerRegistry::add(int cncID, int maxDncCh, const QByteArray &ip, int 
     entry->setChannelCount(maxDncCh);
     if (syncMask & 1)
         entry->mainClient()->setSyncMode(0);
-    for (int i = 1; i <= entry->channelCount() && i < 31; ++i)
-        if (syncMask & (1 << i))
+    // Bit 31 (the sign bit) is channel 31's: shift as unsigned.
+    for (int i = 1; i <= entry->channelCount() && i <= 31; ++i)
+        if ((quint32(syncMask) >> i) & 1u)
             entry->channelClient(i)->setSyncMode(0);
     registry().insert(cncID, entry);
     return true;

@@ -138,6 +138,23 @@ private slots:
         QVERIFY(removeTargetCnc(3));
     }
 
+    void syncMaskBitsPickTheClients()
+    {
+        // A thread-mode client leaves the query for its loop and returns 0 at
+        // once; a direct one meets the controller's error reply.
+        SimProcess sim(host(8), { "d=error" });
+        QVERIFY(sim.started());
+        std::string ip = host(8);
+        char name[] = "O1";
+        QVERIFY(addTargetCnc(12, 31, &ip[0], int(0x80000002u)));
+        QVERIFY(connectRetrying(12));
+        QCOMPARE(getTransFileState(1, 1, name, 12), 0L);    // bit 1
+        QCOMPARE(getTransFileState(1, 2, name, 12), 3L);
+        QCOMPARE(getTransFileState(1, 30, name, 12), 3L);
+        QCOMPARE(getTransFileState(1, 31, name, 12), 0L);   // bit 31, the sign bit
+        QVERIFY(removeTargetCnc(12));
+    }
+
     void variablesAndBits()
     {
         SimProcess sim(host(1));
