@@ -42,9 +42,7 @@ bool connect(int cncID)
 {
     qDebug().noquote() << kCallMarker << "bool connect(int)" << " cncID=" << cncID;
     ControllerEntry *entry = ControllerRegistry::find(cncID);
-    if (!entry)
-        return false;
-    const bool connected = entry->mainClient()->tcpConnect(entry->address());
+    const bool connected = entry && entry->mainClient()->tcpConnect(entry->address());
     if (connected) {
         entry->programClient()->tcpConnect(entry->address());
         for (int i = 1; i <= entry->channelCount(); ++i)
@@ -58,12 +56,13 @@ bool disconnect(int cncID)
 {
     qDebug().noquote() << kCallMarker << "bool disconnect(int)" << " cncID=" << cncID;
     ControllerEntry *entry = ControllerRegistry::find(cncID);
-    if (!entry)
-        return false;
-    entry->mainClient()->tcpDisconnect();
-    for (int i = 1; i <= entry->channelCount(); ++i)
-        entry->channelClient(i)->tcpDisconnect();
-    return true;
+    if (entry) {
+        entry->mainClient()->tcpDisconnect();
+        for (int i = 1; i <= entry->channelCount(); ++i)
+            entry->channelClient(i)->tcpDisconnect();
+    }
+    qDebug().noquote() << kCallMarker << "bool disconnect(int)" << " cncID=" << cncID << " out=" << (entry != nullptr);
+    return entry != nullptr;
 }
 
 bool getTcpConnectFlag(int cncID)

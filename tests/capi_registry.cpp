@@ -15,6 +15,7 @@
 #include <atomic>
 #include <dlfcn.h>
 #include <cstring>
+#include <mutex>
 #include <string>
 #include <thread>
 
@@ -49,6 +50,16 @@ bool velmoraConnect(int cncID)
 bool connectRetrying(int cncID)
 {
     return waitFor([&] { return velmoraConnect(cncID); });
+}
+
+// The debug stream while a test looks at it.
+std::mutex g_linesMutex;
+QStringList g_lines;
+
+void captureLine(QtMsgType, const QMessageLogContext &, const QString &message)
+{
+    std::lock_guard<std::mutex> lock(g_linesMutex);
+    g_lines.append(message);
 }
 
 std::atomic<int> g_calls{0};
@@ -136,6 +147,40 @@ private slots:
         QVERIFY(addTargetCnc(3, 1, nullptr, 0));   // stored as an empty address
         QVERIFY(!velmoraConnect(3));
         QVERIFY(removeTargetCnc(3));
+    }
+
+    void registryCallLines()
+    {
+        std::string ip = host(9);   // nobody listens there
+        g_lines.clear();
+        qInstallMessageHandler(&captureLine);
+        addTargetCnc(20, 2, &ip[0], 0);
+        velmoraConnect(20);
+        ::disconnect(20);
+        removeTargetCnc(20);
+        velmoraConnect(99);
+        ::disconnect(99);
+        qInstallMessageHandler(nullptr);
+        const QString marker = QStringLiteral("@@@@####1111");
+        QStringList calls;
+        for (const QString &line : g_lines)
+            if (line.startsWith(marker))
+                calls.append(line.mid(marker.size()));
+        const QStringList expected = {
+            " bool addTargetCnc(int, int, char*, int)  cncID= 20  maxDncCh= 2  ip= 127.0.0.39",
+            " bool addTargetCnc(int, int, char*, int)  cncID= 20  out= true",
+            " bool connect(int)  cncID= 20",
+            " bool connect(int)  cncID= 20  out= false",
+            " bool disconnect(int)  cncID= 20",
+            " bool disconnect(int)  cncID= 20  out= true",
+            " bool removeTargetCnc(int)  cncID= 20",
+            " bool removeTargetCnc(int)  cncID= 20  out= true",
+            " bool connect(int)  cncID= 99",
+            " bool connect(int)  cncID= 99  out= false",
+            " bool disconnect(int)  cncID= 99",
+            " bool disconnect(int)  cncID= 99  out= false",
+        };
+        QCOMPARE(calls, expected);
     }
 
     void syncMaskBitsPickTheClients()
