@@ -274,7 +274,10 @@ void HRemoteBuffer::run()
         socket.write(m_current);
         socket.flush();
         // One wait only: a late reply is not waited for again, the loop goes
-        // on with whatever state it has.
+        // on with whatever state it has. The wait ends with the first bytes
+        // and what came is parsed: a reply cut across TCP segments is read
+        // as far as it got (too short: no handler runs), and its tail comes
+        // in with the next exchange.
         if (socket.waitForReadyRead(kReplyWaitMs)) {
             const QByteArray reply = socket.readAll();
             if (reply.size() >= 1 && reply.size() < kBufferSize) {

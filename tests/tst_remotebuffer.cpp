@@ -83,6 +83,7 @@ private slots:
     void statesThroughTraffic_data();
     void statesThroughTraffic();
     void busyControllerIsPolled();
+    void splitReplyParsedAsItCame();
     void framesOnTheWire_data();
     void framesOnTheWire();
     void mdiRoomAndLimit();
@@ -299,6 +300,29 @@ void TestRemoteBuffer::busyControllerIsPolled()
     QCOMPARE(sim.requests('d'), (QList<QByteArray>{appendFrame("N10 G1 X5\n"), sendNext, sendNext,
                                                    sendNext, appendFrame("N20 M30\n")}));
     QCOMPARE(sim.dncFile(1, "DNC"), QByteArray("N10 G1 X5\nN20 M30\n"));
+}
+
+// The reply wait ends with the first bytes, and what came is parsed: a busy
+// answer cut in two is too short to read, so the buffer neither turns busy
+// nor polls; the late tail is read (and dropped) with the next exchange.
+void TestRemoteBuffer::splitReplyParsedAsItCame()
+{
+    ControllerSim sim(QStringLiteral("127.0.0.78"));
+    QVERIFY(sim.start());
+    Buffer buffer("127.0.0.78", HRemoteBuffer::DncMode);
+    QTRY_COMPARE_WITH_TIMEOUT(buffer->state(), int(HRemoteBuffer::StateIdle), kWaitMs);
+    sim.setBusyReplies(1);
+    sim.setFault('d', 2, ControllerSim::Fault::split(300, 1));
+    sim.clearRequests();
+
+    QCOMPARE(buffer->write("N1\n"), 1);
+    QVERIFY(sim.waitForRequests(1, kWaitMs));
+    QTRY_COMPARE_WITH_TIMEOUT(buffer->state(), int(HRemoteBuffer::StateIdle), kWaitMs);
+    QCOMPARE(buffer->write("N2\n"), 1);
+    QCOMPARE(buffer->write("N3\n"), 1);
+    QTRY_COMPARE_WITH_TIMEOUT(sim.dncFile(1, "DNC"), QByteArray("N1\nN2\nN3\n"), kWaitMs);
+    QTRY_COMPARE_WITH_TIMEOUT(buffer->state(), int(HRemoteBuffer::StateIdle), kWaitMs);
+    QCOMPARE(sim.requests(), (QList<QByteArray>{appendFrame("N1\n"), appendFrame("N2\n"), appendFrame("N3\n")}));
 }
 
 void TestRemoteBuffer::framesOnTheWire_data()
