@@ -48,7 +48,7 @@ private:
     }
     static QAction *action(Velmora &w, int i) { return w.findChild<QToolBar *>()->actions().at(i); }
     void showActive(Velmora &w);
-    // Shown 700 wide, pointed at ip, with that many panels added.
+    // Shown 700 wide, pointed at ip, with that many panels added to those it has.
     void open(Velmora &w, const QString &ip, int panelCount);
     void focusTable(splitForm *panel);
     void writeLayout(int count);
@@ -85,9 +85,10 @@ void tst_mainwindow::open(Velmora &w, const QString &ip, int panelCount)
     w.setCncIp(ip);
     w.resize(700, 500);
     showActive(w);
+    const int before = panels(w).size();
     for (int i = 0; i < panelCount; ++i)
         w.addSplitForm_clicked();
-    QCOMPARE(panels(w).size(), panelCount);
+    QCOMPARE(panels(w).size(), before + panelCount);
 }
 
 void tst_mainwindow::focusTable(splitForm *panel)
@@ -290,8 +291,7 @@ void tst_mainwindow::configurationModeRefusesChanges()
 {
     writeLayout(1);
     Velmora w;
-    w.resize(700, 500);
-    showActive(w);
+    open(w, QStringLiteral("127.0.0.106"), 0);
     splitForm *panel = panels(w).at(0);
     QVERIFY(panel->isUpdating());
 
@@ -346,8 +346,7 @@ void tst_mainwindow::savedConfigurationReloadsPanels()
 {
     writeLayout(1);
     Velmora w;
-    w.resize(700, 500);
-    showActive(w);
+    open(w, QStringLiteral("127.0.0.106"), 0);
     splitForm *panel = panels(w).at(0);
     w.setParFunction();
     setPar *editor = w.findChild<setPar *>();
@@ -444,8 +443,7 @@ void tst_mainwindow::noPanelsKeepsThePreviousLayout()
     writeLayout(2);
     {
         Velmora w;
-        w.resize(700, 500);
-        showActive(w);
+        open(w, QStringLiteral("127.0.0.106"), 0);
         QCOMPARE(panels(w).size(), 2);
         for (int i = 0; i < 2; ++i) {
             focusTable(panels(w).at(0));
