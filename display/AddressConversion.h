@@ -18,10 +18,11 @@ public:
     static long areaBase(int areaIndex);
 
     // Converts a whole list, in order. An entry is a prefix of up to three
-    // letters and a decimal offset (0 when that is not a number). The area is remembered across the
-    // list: an entry with an unknown prefix takes the area of the last entry
-    // that had a known one, and only before any known prefix is the bare
-    // offset used. Pages written by hand rely on this carry-over.
+    // letters and a decimal offset (0 when that is not a number). The area
+    // is remembered across the list: an entry with an unknown prefix takes
+    // the area of the last entry that had a known one, and only before any
+    // known prefix is the bare offset used. Pages written by hand rely on
+    // this carry-over.
     static QList<long> toVariableNumbers(const QStringList &addresses, int channel);
 };
 
