@@ -11,6 +11,7 @@
 #include <QString>
 
 #include <cstring>
+#include <thread>
 
 namespace {
 
@@ -207,9 +208,17 @@ long int AsynchronousClient::append(char *txt)
                 result = queued;
             }
         } else {
-            // A chunk that found the queue full goes again.
-            if (queued == StatusOk)
+            // A chunk that found the queue full goes again, once the
+            // client's thread has sent one; a thread that lost its link
+            // never will.
+            if (queued == StatusOk) {
                 ++k;
+            } else if (linkDown(kAppendSig)) {
+                m_mutex.unlock();
+                return StatusDisconnected;
+            } else {
+                std::this_thread::yield();
+            }
             result = queued;
         }
         if (!m_moreToSend.load())

@@ -507,6 +507,22 @@ private slots:
         QTRY_VERIFY_WITH_TIMEOUT(m_client->isSetFileOk(), 3000);
     }
 
+    void threadModeLinkLostMidTransfer()
+    {
+        // The controller drops the link at the first append: the chunks
+        // behind it can never leave the queue, and the call must say so.
+        m_client.reset(new OpsClient);
+        m_client->setSyncMode(0);
+        QVERIFY(m_client->tcpConnect(kSimAddress.toLatin1()));
+        char name[] = "P1";
+        QCOMPARE(m_client->setTransFileType(2, 1, name, false), 0L);
+        QTRY_VERIFY_WITH_TIMEOUT(m_client->isSetFileOk(), 3000);
+        m_sim->setCloseAfter('d', 2, 0);
+        QByteArray program = programText(2400);
+        QCOMPARE(m_client->overwrite(program.data()), 7L);
+        QVERIFY(!m_client->heldElsewhere());
+    }
+
     // ---- Error files
 
     void errorFile_data()
