@@ -96,6 +96,11 @@ public:
     }
     // The operation ran on the test thread, which may release it.
     void release() { m_mutex.unlock(); }
+    void queueProbes(int n)
+    {
+        for (int i = 0; i < n; ++i)
+            queueFrame(buildWatchdog());
+    }
 };
 
 // A controller that answers each request PDU with the PDU its script
@@ -714,11 +719,19 @@ private slots:
         QVERIFY(!idle.heldElsewhere());
     }
 
-    void noReply()
+    void exchangeOutcomes()
     {
         m_sim->setSilence('f');
         QCOMPARE(m_client->reset(1), 111L);
         QVERIFY(!m_client->heldElsewhere());
+        m_sim->clearFaults();
+        m_sim->clearRequests();
+
+        // Two frames already wait: the reset is dropped (4) although the
+        // exchange of the first waiting frame is answered.
+        m_client->queueProbes(2);
+        QCOMPARE(m_client->reset(1), 4L);
+        QCOMPARE(m_sim->requests(), QList<QByteArray>{ hex("00000000 0200 00 70") });
     }
 };
 
