@@ -258,6 +258,9 @@ private:
     // Start of overwrite and append: takes m_mutex and checks the link and
     // the announced file. 0 with the lock held, else 7 or 1 with it released.
     long int lockForText(const char *signature, const char *txt);
+    // Direct-mode exchange of a transfer step: 111 with m_mutex released,
+    // 100 with it still held (the alarm blocks the client), else 0.
+    long int transferExchange();
 
 protected:
     // ---- end of controller operations

@@ -54,6 +54,23 @@ void logChunkByte(const char *signature, int index, int position, char byte)
                        << QStringLiteral("  letter= 0X") + hex << " " << QString(QChar::fromLatin1(byte));
 }
 
+// Copies one chunk of 7-bit text: up to kChunkSize bytes, ending at the
+// first byte that is 0 or has its top bit set (a byte of 0x80 or above ends
+// the transfer there, on purpose). Returns the bytes copied; a full chunk
+// means more may follow. `offset` is where the chunk starts in the whole
+// text, for the trace.
+int copyChunk(const char *signature, const char *source, int offset, char *chunk, bool trace)
+{
+    int n = 0;
+    while (n < AsynchronousClient::kChunkSize && static_cast<signed char>(source[n]) > 0) {
+        chunk[n] = source[n];
+        if (trace)
+            logChunkByte(signature, n, offset + n, source[n]);
+        ++n;
+    }
+    return n;
+}
+
 void logNotSet(const char *signature, bool setFileOk, const char *txt, int limit)
 {
     qDebug().noquote() << signature << "ParError: isSetFileOk " << (setFileOk ? "true" : "false")
@@ -95,12 +112,9 @@ long int AsynchronousClient::setTransFileType(long int type, long int channel, c
     }
     const long int result = queueFrame(buildSetFileInf(quint8(channel), int(type), fileName, query));
     if (isDirectMode()) {
-        if (!exchangeNext()) {
-            m_mutex.unlock();
-            return StatusNoReply;
-        }
-        if (replyState() == kAlarmState)
-            return StatusAlarm;                 // m_mutex stays held
+        const long int failed = transferExchange();
+        if (failed != StatusOk)
+            return failed;
         if (m_errorFlag.load()) {
             m_mutex.unlock();
             return StatusErrorReply;
@@ -113,6 +127,17 @@ long int AsynchronousClient::setTransFileType(long int type, long int channel, c
         return overwrite(empty);
     }
     return result;
+}
+
+long int AsynchronousClient::transferExchange()
+{
+    if (!exchangeNext()) {
+        m_mutex.unlock();
+        return StatusNoReply;
+    }
+    if (replyState() == kAlarmState)
+        return StatusAlarm;   // m_mutex stays held
+    return StatusOk;
 }
 
 long int AsynchronousClient::lockForText(const char *signature, const char *txt)
@@ -136,26 +161,14 @@ long int AsynchronousClient::overwrite(char *txt)
     const long int refused = lockForText(kOverwriteSig, txt);
     if (refused != StatusOk)
         return refused;
-    const bool traceBytes = debugDetails();
     char chunk[kChunkSize + 1] = {};
-    int n = 0;
-    // 7-bit text only: a byte of 0x80 or above ends the transfer there.
-    while (n < kChunkSize && static_cast<signed char>(txt[n]) > 0) {
-        chunk[n] = txt[n];
-        if (traceBytes)
-            logChunkByte(kOverwriteSig, n, n, txt[n]);
-        ++n;
-    }
-    m_moreToSend.store(n == kChunkSize);
+    m_moreToSend.store(copyChunk(kOverwriteSig, txt, 0, chunk, debugDetails()) == kChunkSize);
     const long int result = queueFrame(buildOverWriteTxt(chunk));
     if (isDirectMode()) {
-        if (!exchangeNext()) {
-            m_mutex.unlock();
-            return StatusNoReply;
-        }
-        // These three leave m_mutex held.
-        if (replyState() == kAlarmState)
-            return StatusAlarm;
+        const long int failed = transferExchange();
+        if (failed != StatusOk)
+            return failed;
+        // These two leave m_mutex held, as the alarm does.
         if (m_errorFlag.load())
             return StatusErrorReply;
         if (m_memoryFull.load())
@@ -182,24 +195,13 @@ long int AsynchronousClient::append(char *txt)
     for (;;) {
         char chunk[kChunkSize + 1] = {};
         // Every earlier chunk held 400 text bytes, so chunk k starts inside txt.
-        const char *source = txt + kChunkSize * k;
-        for (int c = 0; c < kChunkSize; ++c) {
-            if (static_cast<signed char>(source[c]) < 1) {
-                m_moreToSend.store(false);
-                break;
-            }
-            chunk[c] = source[c];
-            if (traceBytes)
-                logChunkByte(kAppendSig, c, kChunkSize * k + c, source[c]);
-        }
+        if (copyChunk(kAppendSig, txt + kChunkSize * k, kChunkSize * k, chunk, traceBytes) < kChunkSize)
+            m_moreToSend.store(false);
         const long int queued = queueFrame(buildAppendTxt(chunk));
         if (isDirectMode()) {
-            if (!exchangeNext()) {
-                m_mutex.unlock();
-                return StatusNoReply;
-            }
-            if (replyState() == kAlarmState)
-                return StatusAlarm;             // m_mutex stays held
+            const long int failed = transferExchange();
+            if (failed != StatusOk)
+                return failed;
             if (m_errorFlag.load() || m_memoryFull.load()) {
                 result = StatusErrorReply;      // the same chunk goes again
             } else {
