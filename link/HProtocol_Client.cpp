@@ -479,6 +479,28 @@ bool HProtocol_Client::pduByte(const Pdu &pdu, int index, int *value)
     return true;
 }
 
+bool HProtocol_Client::pduSub(const Pdu &pdu, int *sub)
+{
+    if (!pduByte(pdu, 1, sub))
+        return false;
+    *sub &= 0xFF;
+    return true;
+}
+
+// The sub byte and, for a sub in first..last, the state byte at stateIndex.
+// Returns -1 when both were read; otherwise the parser's result: 5 for a
+// missing byte, 0 for a sub outside the range (accepted without action).
+int HProtocol_Client::pduSubState(const Pdu &pdu, int first, int last, int stateIndex, int *sub, int *state)
+{
+    if (!pduSub(pdu, sub))
+        return ParseUnknown;
+    if (*sub < first || *sub > last)
+        return ParseOk;
+    if (!pduByte(pdu, stateIndex, state))
+        return ParseUnknown;
+    return -1;
+}
+
 qint32 HProtocol_Client::pduInt32(const Pdu &pdu, int index) const
 {
     const quint8 *p = pdu.data + index;
@@ -586,13 +608,9 @@ int HProtocol_Client::parseProgram(const Pdu &pdu)
 {
     int sub = 0;
     int state = 0;
-    if (!pduByte(pdu, 1, &sub))
-        return ParseUnknown;
-    sub &= 0xFF;
-    if (sub < 3 || sub > 5)
-        return ParseOk;
-    if (!pduByte(pdu, 3, &state))
-        return ParseUnknown;
+    const int early = pduSubState(pdu, 3, 5, 3, &sub, &state);
+    if (early >= 0)
+        return early;
     if (sub == 3) {
         m_replyState = state;
         notify(resetCallback, &HProtocol_Client::onRecCmdReset, state);
@@ -611,13 +629,9 @@ int HProtocol_Client::parseReadFile(const Pdu &pdu, int length)
 {
     int sub = 0;
     int state = 0;
-    if (!pduByte(pdu, 1, &sub))
-        return ParseUnknown;
-    sub &= 0xFF;
-    if (sub < 1 || sub > 3)
-        return ParseOk;
-    if (!pduByte(pdu, 2, &state))
-        return ParseUnknown;
+    const int early = pduSubState(pdu, 1, 3, 2, &sub, &state);
+    if (early >= 0)
+        return early;
     if (sub == 1)
         onRecCmdOpenReadFile(state);
     else if (sub == 2)
@@ -630,9 +644,8 @@ int HProtocol_Client::parseReadFile(const Pdu &pdu, int length)
 int HProtocol_Client::parseFile(const Pdu &pdu)
 {
     int sub = 0;
-    if (!pduByte(pdu, 1, &sub))
+    if (!pduSub(pdu, &sub))
         return ParseUnknown;
-    sub &= 0xFF;
     if (sub < 1 || sub > 6)
         return ParseUnknown;
     int state = 0;
@@ -672,9 +685,8 @@ int HProtocol_Client::parseFile(const Pdu &pdu)
 int HProtocol_Client::parseGetStr(const Pdu &pdu)
 {
     int sub = 0;
-    if (!pduByte(pdu, 1, &sub))
+    if (!pduSub(pdu, &sub))
         return ParseUnknown;
-    sub &= 0xFF;
     int selector = -1;
     if (sub >= 1 && sub <= 5)
         selector = sub - 1;
@@ -689,13 +701,9 @@ int HProtocol_Client::parseOsc(const Pdu &pdu, qint32 *values)
 {
     int sub = 0;
     int state = 0;
-    if (!pduByte(pdu, 1, &sub))
-        return ParseUnknown;
-    sub &= 0xFF;
-    if (sub < 1 || sub > 3)
-        return ParseOk;
-    if (!pduByte(pdu, 2, &state))
-        return ParseUnknown;
+    const int early = pduSubState(pdu, 1, 3, 2, &sub, &state);
+    if (early >= 0)
+        return early;
     if (sub == 1) {
         onRecCmdSetOscAxis(state);
     } else if (sub == 2) {

@@ -171,6 +171,8 @@ private:
     int buildTerminatedText(quint8 sub, const char *text);
 
     static bool pduByte(const Pdu &pdu, int index, int *value);
+    static bool pduSub(const Pdu &pdu, int *sub);
+    static int pduSubState(const Pdu &pdu, int first, int last, int stateIndex, int *sub, int *state);
     qint32 pduInt32(const Pdu &pdu, int index) const;
     int pduValues(const Pdu &pdu, int countIndex, qint32 *values) const;
     void notify(StateCallback callback, void (HProtocol_Client::*handler)(int), int state);
