@@ -322,12 +322,14 @@ void HRemoteBuffer::onReciveCmdSetFileInf(int state)
     }
 }
 
-void HRemoteBuffer::onReciveCmdOverWriteTxt(int state)
+// Overwrite and append replies differ only in their texts; a null busy
+// text leaves the state text as it was.
+void HRemoteBuffer::onTextReply(int state, const char *okText, const char *busyText)
 {
     switch (state) {
     case 0:
         setState(StateWorking);
-        setStateInfo("OverWriteTxt Ok");
+        setStateInfo(okText);
         break;
     case 1:
         setState(StateError);
@@ -335,30 +337,22 @@ void HRemoteBuffer::onReciveCmdOverWriteTxt(int state)
         break;
     case 2:
         setState(StateBusy);
-        setStateInfo("Cnc Busy");
+        if (busyText)
+            setStateInfo(busyText);
         break;
     default:
         break;
     }
 }
 
+void HRemoteBuffer::onReciveCmdOverWriteTxt(int state)
+{
+    onTextReply(state, "OverWriteTxt Ok", "Cnc Busy");
+}
+
 void HRemoteBuffer::onReciveCmdAppendTxt(int state)
 {
-    switch (state) {
-    case 0:
-        setState(StateWorking);
-        setStateInfo("AppendTxt Ok");
-        break;
-    case 1:
-        setState(StateError);
-        setStateInfo("parameters error.");
-        break;
-    case 2:
-        setState(StateBusy);   // the text is left as it was
-        break;
-    default:
-        break;
-    }
+    onTextReply(state, "AppendTxt Ok", nullptr);
 }
 
 void HRemoteBuffer::onReciveCmdFileEnd(int state)

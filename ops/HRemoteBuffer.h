@@ -114,6 +114,7 @@ private:
     // The thread's state changes; a closing buffer stays closed.
     void setState(int state);
     void setStateInfo(const QByteArray &text);
+    void onTextReply(int state, const char *okText, const char *busyText);
     // Builds one frame with the host-side builder and copies it out
     // (an empty array when the builder refuses, e.g. a 480-byte piece).
     QByteArray hostFrame(int length) const;
