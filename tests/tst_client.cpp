@@ -433,6 +433,34 @@ private slots:
         QCOMPARE(l.client->CheckTcpWdt(), 0L);
     }
 
+    void threadModeStopsWhileAReplyIsAwaited_data()
+    {
+        QTest::addColumn<bool>("destroy");
+        QTest::newRow("disconnect") << false;
+        QTest::newRow("destruction") << true;
+    }
+    void threadModeStopsWhileAReplyIsAwaited()
+    {
+        // The loop is inside its reply waits when the host stops it: the
+        // call ends once those waits run out, it does not hang on the link.
+        QFETCH(bool, destroy);
+        Link l = link(26, true);
+        QVERIFY(l.sim);
+        l.sim->setSilence('B');
+        long int address = 1000000;
+        l.client->registerVars(&address, 1);
+        QVERIFY(l.sim->waitForRequests(1, 5000));
+        QElapsedTimer t;
+        t.start();
+        if (destroy)
+            l.client.reset();
+        else
+            QCOMPARE(l.client->tcpDisconnect(), 1L);
+        QVERIFY2(t.elapsed() < 3000, qPrintable(QString::number(t.elapsed())));
+        QVERIFY(waitFor([&] { return l.sim->connectionCount() == 0; }));
+        QCOMPARE(l.sim->requests().size(), 1);
+    }
+
     void twoControllersDoNotWaitForEachOther()
     {
         Link a = link(22), b = link(23);
