@@ -115,6 +115,8 @@ void AsynchronousClient::onRecCmdGetStr(int selector, const char *text, int leng
     const int end = value.indexOf('\0');
     if (end >= 0)
         value.truncate(end);
+    // A good answer ends an earlier error reply's hold on the next query.
+    m_errorFlag.store(0);
     std::lock_guard<std::mutex> data(m_opsMutex);
     m_recTexts.insert(selector, value);
 }

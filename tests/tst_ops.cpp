@@ -286,8 +286,11 @@ private slots:
 
     void runningProgramFailures()
     {
+        m_sim->setRunningProgram(2, "O5678");
         m_sim->setErrorReply('g');
         QCOMPARE(m_client->getRuningPrg(2), QByteArray(""));
+        m_sim->clearFaults();
+        QCOMPARE(m_client->getRuningPrg(2), QByteArray("O5678"));
         // No reply: the status code comes back as the text's one character.
         m_sim->setSilence('g');
         QCOMPARE(m_client->getRuningPrg(2), QByteArray("o"));
