@@ -58,7 +58,7 @@ QByteArray AsynchronousClient::getRuningPrg(int channel)
 {
     QMutexLocker lock(&m_mutex);
     // Tested as the byte the controller sees: 257 passes as 1.
-    if (quint8(channel - 1) >= 98)
+    if (quint8(unsigned(channel) - 1u) >= 98)   // unsigned: INT_MIN must not overflow
         return QByteArray();
     {
         // A name from an earlier query must not pass for this answer.

@@ -270,6 +270,7 @@ private slots:
         QTest::newRow("257 is byte 1") << 257 << hex("00000000 0500 00 67 05 31 00") << QByteArray("");
         QTest::newRow("channel 0") << 0 << QByteArray() << QByteArray("");
         QTest::newRow("channel 99") << 99 << QByteArray() << QByteArray("");
+        QTest::newRow("lowest int") << int(INT_MIN) << QByteArray() << QByteArray("");
     }
 
     void runningProgram()
