@@ -20,6 +20,9 @@ AsynchronousClient *ControllerEntry::channelClient(long int channel)
 
 void ControllerEntry::setChannelCount(int count)
 {
+    // Channels above the protocol's highest one could never be used (file
+    // transfer refuses them), and a huge count would exhaust the host.
+    count = qMin(count, int(HProtocol_Client::kMaxChannel));
     while (m_channelClients.size() < count)
         m_channelClients.append(new AsynchronousClient);
     m_channelCount = m_channelClients.size();

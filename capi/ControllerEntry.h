@@ -21,7 +21,8 @@ public:
     // File transfer of DNC channel 1..channelCount(); null outside.
     AsynchronousClient *channelClient(long int channel);
     int channelCount() const { return m_channelCount; }
-    // Creates channel clients until there are `count` (never fewer than one).
+    // Creates channel clients until there are `count` (never fewer than one,
+    // never more than the highest channel number, 99).
     void setChannelCount(int count);
 
     const QByteArray &address() const { return m_address; }

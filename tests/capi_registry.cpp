@@ -144,6 +144,12 @@ private slots:
         QCOMPARE(getTransFileState(1, 4, name, 2), 1L);
         QVERIFY(removeTargetCnc(2));
 
+        // Channel clients stop at the highest channel number.
+        QVERIFY(addTargetCnc(3, 2147483647, &ip[0], 0));
+        QCOMPARE(getTransFileState(1, 99, name, 3), 7L);
+        QCOMPARE(getTransFileState(1, 100, name, 3), 1L);
+        QVERIFY(removeTargetCnc(3));
+
         QVERIFY(addTargetCnc(3, 1, nullptr, 0));   // stored as an empty address
         QVERIFY(!velmoraConnect(3));
         QVERIFY(removeTargetCnc(3));
