@@ -7,6 +7,11 @@ ControllerEntry::ControllerEntry()
 
 ControllerEntry::~ControllerEntry()
 {
+    // All loops stop together: each may be inside its reply waits.
+    m_mainClient.requestStop();
+    m_programClient.requestStop();
+    for (AsynchronousClient *client : qAsConst(m_channelClients))
+        client->requestStop();
     qDeleteAll(m_channelClients);
     m_channelClients.clear();
 }

@@ -128,13 +128,16 @@ AsynchronousClient::AsynchronousClient(QObject *parent)
     qDebug() << "AsynchronousClient::AsynchronousClient ver 20180822 17:42";
 }
 
+void AsynchronousClient::requestStop()
+{
+    std::unique_lock<std::mutex> lock(m_dataMutex);
+    m_quit = true;
+    m_workCond.notify_all();
+}
+
 AsynchronousClient::~AsynchronousClient()
 {
-    {
-        std::unique_lock<std::mutex> lock(m_dataMutex);
-        m_quit = true;
-        m_workCond.notify_all();
-    }
+    requestStop();
     // The loop finishes its current exchange (at most the reply waits) and
     // closes the socket in its own thread.
     wait();
@@ -156,6 +159,8 @@ void AsynchronousClient::ensureStarted()
 bool AsynchronousClient::runJob(Job job, const QByteArray &data)
 {
     std::unique_lock<std::mutex> lock(m_dataMutex);
+    if (m_quit)
+        return false;   // the socket thread is gone or going: nobody would take the job
     ensureStarted();
     while (m_jobBusy)
         m_slotCond.wait(lock);

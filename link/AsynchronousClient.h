@@ -77,6 +77,11 @@ public:
 
     explicit AsynchronousClient(QObject *parent = nullptr);
     ~AsynchronousClient() override;
+    // Tells the socket thread to end after its current exchange, without
+    // waiting; the destructor waits. Lets an owner stop several clients at
+    // once, so their reply waits overlap instead of adding up. The client
+    // cannot connect again afterwards.
+    void requestStop();
 
     // ---- Connection lifecycle
     bool tcpConnect(const QByteArray &ip);

@@ -275,6 +275,27 @@ private slots:
         QVERIFY(removeTargetCnc(5));    // stops the polling thread
     }
 
+    void removalStopsSilentLoopsTogether()
+    {
+        // Main and channel clients in thread mode, each waiting for a reply
+        // that never comes: their waits overlap, they do not add up.
+        SimProcess sim(host(8), { "B=silence", "d=silence" });
+        QVERIFY(sim.started());
+        std::string ip = host(8);
+        char name[] = "O1";
+        QVERIFY(addTargetCnc(13, 3, &ip[0], 0xf));
+        QVERIFY(connectRetrying(13));
+        long int address = 1000000;
+        QCOMPARE(registerVars(&address, 1, 13), 0L);
+        for (long int channel = 1; channel <= 3; ++channel)
+            QCOMPARE(getTransFileState(1, channel, name, 13), 0L);
+        QThread::msleep(200);   // every loop has sent its request
+        QElapsedTimer t;
+        t.start();
+        QVERIFY(removeTargetCnc(13));
+        QVERIFY2(t.elapsed() < 3000, qPrintable(QString::number(t.elapsed())));
+    }
+
     void errorCallbackReachesTheHost()
     {
         SimProcess sim(host(5), { "f:3=state:1" });
