@@ -20,9 +20,9 @@ QSet<HRemoteBuffer *> &handleTable()
 
 } // namespace
 
-QMutex &HRemoteBuffer::handleLock()
+std::mutex &HRemoteBuffer::handleLock()
 {
-    static QMutex *lock = new QMutex;
+    static std::mutex *lock = new std::mutex;
     return *lock;
 }
 
@@ -34,7 +34,7 @@ HRemoteBuffer *HRemoteBuffer::lookup(void *handle)
 
 int HRemoteBuffer::liveCount()
 {
-    QMutexLocker lock(&handleLock());
+    std::lock_guard<std::mutex> lock(handleLock());
     return handleTable().size();
 }
 
@@ -44,7 +44,7 @@ HRemoteBuffer *HRemoteBuffer::open(const char *address, unsigned mode, unsigned 
         return nullptr;
     HRemoteBuffer *buffer = new HRemoteBuffer(QByteArray(address), int(mode), int(channel));
     {
-        QMutexLocker lock(&handleLock());
+        std::lock_guard<std::mutex> lock(handleLock());
         handleTable().insert(buffer);
     }
     buffer->start();
@@ -66,7 +66,7 @@ HRemoteBuffer::~HRemoteBuffer()
     // Out of the table first: a C call holding the table's lock finishes
     // with this object before it goes.
     {
-        QMutexLocker lock(&handleLock());
+        std::lock_guard<std::mutex> lock(handleLock());
         handleTable().remove(this);
     }
     m_stop = true;
@@ -77,7 +77,7 @@ int HRemoteBuffer::close(void *handle)
 {
     HRemoteBuffer *buffer = nullptr;
     {
-        QMutexLocker lock(&handleLock());
+        std::lock_guard<std::mutex> lock(handleLock());
         buffer = lookup(handle);
         if (!buffer)
             return 0;
@@ -141,14 +141,14 @@ void HRemoteBuffer::setState(int state)
 
 void HRemoteBuffer::setStateInfo(const QByteArray &text)
 {
-    QMutexLocker lock(&m_infoLock);
+    std::lock_guard<std::mutex> lock(m_infoLock);
     if (m_stateInfo != text)
         m_stateInfo = text;
 }
 
 char *HRemoteBuffer::stateInfo()
 {
-    QMutexLocker lock(&m_infoLock);
+    std::lock_guard<std::mutex> lock(m_infoLock);
     // Replace the host's copy only when the text changed, so a pointer
     // handed out earlier stays valid while the text stays the same.
     if (m_stateInfoOut.isNull() || m_stateInfoOut != m_stateInfo) {
@@ -167,7 +167,7 @@ int HRemoteBuffer::write(const char *text)
 {
     if (!text)
         return 0;
-    QMutexLocker lock(&m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     const int state = m_state;
     if (state != StateWorking && state != StateIdle)
         return 0;
@@ -192,7 +192,7 @@ int HRemoteBuffer::write(const char *text)
 
 int HRemoteBuffer::clear()
 {
-    QMutexLocker lock(&m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     const int state = m_state;
     if (state != StateWorking && state != StateIdle)
         return 0;
@@ -209,7 +209,7 @@ int HRemoteBuffer::validCount()
     const int state = m_state;
     if (state != StateWorking && state != StateIdle)
         return 0;
-    QMutexLocker lock(&m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     const qint64 room = m_mode == MdiMode
         ? qint64(kCapacity) - m_bytesWritten
         : qint64(kMaxQueued - m_queue.size()) * kPieceSize;
@@ -218,13 +218,13 @@ int HRemoteBuffer::validCount()
 
 int HRemoteBuffer::queued()
 {
-    QMutexLocker lock(&m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     return m_queue.size();
 }
 
 qint64 HRemoteBuffer::bytesWritten()
 {
-    QMutexLocker lock(&m_mutex);
+    std::lock_guard<std::mutex> lock(m_mutex);
     return m_bytesWritten;
 }
 
@@ -248,7 +248,7 @@ void HRemoteBuffer::run()
         if (state > StateIdle || state == StateClosed)
             break;
         if (state == StateWorking || state == StateIdle) {
-            QMutexLocker lock(&m_mutex);
+            std::unique_lock<std::mutex> lock(m_mutex);
             if (m_queue.isEmpty()) {
                 setState(StateIdle);
                 lock.unlock();

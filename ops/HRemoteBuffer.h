@@ -5,10 +5,10 @@
 
 #include <QByteArray>
 #include <QList>
-#include <QMutex>
 #include <QThread>
 
 #include <atomic>
+#include <mutex>
 
 // Streams program text to one channel of a controller over a connection and
 // thread of its own. The host queues text (write/clear) and polls state and
@@ -18,7 +18,8 @@
 //
 // Threading: the state, the connected flag and the sending marker are atomics
 // because the host reads them without locking. The queue and the byte counter
-// are guarded by the buffer's mutex; the state text by a lock of its own.
+// are guarded by the buffer's mutex; the state text by a lock of its own
+// (standard mutexes, which ThreadSanitizer can follow).
 // Host-side requests are built with a builder of their own so that the
 // thread's send-next build (which busy-waits 50 ms) never holds the host out.
 //
@@ -69,7 +70,7 @@ public:
     template <typename R, typename F>
     static R withHandle(void *handle, R nullResult, F f)
     {
-        QMutexLocker lock(&handleLock());
+        std::lock_guard<std::mutex> lock(handleLock());
         HRemoteBuffer *buffer = lookup(handle);
         return buffer ? f(buffer) : nullResult;
     }
@@ -120,7 +121,7 @@ private:
     QByteArray hostFrame(int length) const;
     void scheduleDeletion();
 
-    static QMutex &handleLock();
+    static std::mutex &handleLock();
     static HRemoteBuffer *lookup(void *handle);
 
     const QByteArray m_address;
@@ -133,11 +134,11 @@ private:
     std::atomic<int> m_sending{0};
     bool m_closing = false;               // under the handle table's lock
 
-    QMutex m_mutex;                       // queue and bytes written
+    std::mutex m_mutex;                   // queue and bytes written
     QList<QByteArray> m_queue;
     qint64 m_bytesWritten = 0;
 
-    QMutex m_infoLock;                    // state text
+    std::mutex m_infoLock;                // state text
     QByteArray m_stateInfo;
     QByteArray m_stateInfoOut;            // the copy handed to the host
 
