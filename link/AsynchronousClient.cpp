@@ -683,6 +683,39 @@ void AsynchronousClient::onRecUnknownCmd(int letter)
 // ---------------------------------------------------------------------------
 // Variables
 
+bool AsynchronousClient::varArgumentsOk(const char *signature, long int *addresses, int count,
+                                        long int *values, int limit)
+{
+    if (addresses && values && count >= 1 && count <= limit && allValid(addresses, count))
+        return true;
+    if (debugErrors())
+        qDebug() << signature << " ParError address=" << static_cast<void *>(addresses)
+                 << " count=" << count << " value=" << static_cast<void *>(values);
+    return false;
+}
+
+long int AsynchronousClient::sendVarFrame(const QByteArray &frame, const QList<qint32> &addresses)
+{
+    if (!isDirectMode()) {
+        {
+            std::unique_lock<std::mutex> data(m_dataMutex);
+            m_threadOutgoing.append(frame);
+            m_threadOutgoingAddresses.append(addresses);
+        }
+        wakeLoop();
+        return StatusOk;
+    }
+    {
+        std::unique_lock<std::mutex> data(m_dataMutex);
+        m_sentAddresses = addresses;
+        m_sentIsPoll = false;
+    }
+    m_outgoing = frame;
+    if (!exchange())
+        return StatusNoReply;
+    return m_errorFlag.load() ? StatusErrorReply : StatusOk;
+}
+
 long int AsynchronousClient::readVarsImpl(const char *signature, long int *addresses, int count,
                                           long int *values, bool singleFrame)
 {
@@ -690,13 +723,8 @@ long int AsynchronousClient::readVarsImpl(const char *signature, long int *addre
     if (linkDown(signature))
         return StatusDisconnected;
     const int limit = maxRdVar();
-    if (!addresses || !values || count < 1 || !allValid(addresses, count)
-        || (singleFrame && count > limit)) {
-        if (debugErrors())
-            qDebug() << signature << " ParError address=" << static_cast<void *>(addresses)
-                     << " count=" << count << " value=" << static_cast<void *>(values);
+    if (!varArgumentsOk(signature, addresses, count, values, singleFrame ? limit : count))
         return StatusParError;
-    }
     {
         // Registered variables are dropped here on purpose: the map is also
         // the result table of this call.
@@ -717,26 +745,13 @@ long int AsynchronousClient::readVarsImpl(const char *signature, long int *addre
         m_pending.erase(m_pending.begin(), m_pending.begin() + slice.size());
         if (debugDetails())
             qDebug() << "currentRdAddressFlag =" << m_currentRdAddressFlag << "maxRdVar =" << limit;
-        const QByteArray frame = builtFrame(buildReadVars(slice));
-        if (isDirectMode()) {
-            {
-                std::unique_lock<std::mutex> data(m_dataMutex);
-                m_sentAddresses = slice;
-                m_sentIsPoll = false;
-            }
-            m_outgoing = frame;
-            if (!exchange()) {
-                m_pending.clear();
-                return StatusNoReply;
-            }
-            if (m_errorFlag.load())
-                status = StatusErrorReply;
-        } else {
-            std::unique_lock<std::mutex> data(m_dataMutex);
-            m_threadOutgoing.append(frame);
-            m_threadOutgoingAddresses.append(slice);
-            m_workCond.notify_all();
+        const long int sent = sendVarFrame(builtFrame(buildReadVars(slice)), slice);
+        if (sent == StatusNoReply) {
+            m_pending.clear();
+            return StatusNoReply;
         }
+        if (sent != StatusOk)
+            status = sent;
     }
     std::unique_lock<std::mutex> data(m_dataMutex);
     for (int i = 0; i < count; ++i)
@@ -763,13 +778,8 @@ long int AsynchronousClient::writeVarsImpl(const char *signature, long int *addr
     if (linkDown(signature))
         return StatusDisconnected;
     const int limit = maxWrVar();
-    if (!addresses || !values || count < 1 || !allValid(addresses, count)
-        || (singleFrame && count > limit)) {
-        if (debugErrors())
-            qDebug() << signature << " ParError address=" << static_cast<void *>(addresses)
-                     << " count=" << count << " value=" << static_cast<void *>(values);
+    if (!varArgumentsOk(signature, addresses, count, values, singleFrame ? limit : count))
         return StatusParError;
-    }
     QVector<qint32> wireAddresses(count);
     QVector<qint32> wireValues(count);
     for (int i = 0; i < count; ++i) {
@@ -786,23 +796,11 @@ long int AsynchronousClient::writeVarsImpl(const char *signature, long int *addr
         const QByteArray frame = builtFrame(buildWriteVars(wireAddresses.constData() + done,
                                                            wireValues.constData() + done, n));
         done += n;
-        if (isDirectMode()) {
-            {
-                std::unique_lock<std::mutex> data(m_dataMutex);
-                m_sentAddresses.clear();
-                m_sentIsPoll = false;
-            }
-            m_outgoing = frame;
-            if (!exchange())
-                return StatusNoReply;
-            if (m_errorFlag.load())
-                status = StatusErrorReply;
-        } else {
-            std::unique_lock<std::mutex> data(m_dataMutex);
-            m_threadOutgoing.append(frame);
-            m_threadOutgoingAddresses.append(QList<qint32>());
-            m_workCond.notify_all();
-        }
+        const long int sent = sendVarFrame(frame, QList<qint32>());
+        if (sent == StatusNoReply)
+            return StatusNoReply;
+        if (sent != StatusOk)
+            status = sent;
     }
     return status;
 }
@@ -912,14 +910,10 @@ long int AsynchronousClient::readBits(long int channel, BitType type, long int *
         {
             std::unique_lock<std::mutex> data(m_dataMutex);
             m_values.clear();
-            m_sentAddresses = words;
-            m_sentIsPoll = false;
         }
-        m_outgoing = builtFrame(length);
-        if (!exchange())
+        status = sendVarFrame(builtFrame(length), words);
+        if (status == StatusNoReply)
             return StatusNoReply;
-        if (m_errorFlag.load())
-            status = StatusErrorReply;
     }
     std::unique_lock<std::mutex> data(m_dataMutex);
     for (int i = 0; i < count; ++i) {

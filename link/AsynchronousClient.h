@@ -288,6 +288,12 @@ private:
     QByteArray pollSlice();
     int handleReply(const QByteArray &reply);
     bool threadModeActive() const;
+    // Null pointers, count outside 1..limit or an address the builders
+    // refuse: logs the ParError line and returns false.
+    bool varArgumentsOk(const char *signature, long int *addresses, int count, long int *values, int limit);
+    // One 'B' or 'D' frame (addresses: those of a 'B' frame): direct mode
+    // exchanges it (0, 3 or 111), thread mode leaves it for the loop (0).
+    long int sendVarFrame(const QByteArray &frame, const QList<qint32> &addresses);
     long int readVarsImpl(const char *signature, long int *addresses, int count, long int *values,
                           bool singleFrame);
     long int writeVarsImpl(const char *signature, long int *addresses, int count, long int *values,
