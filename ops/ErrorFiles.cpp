@@ -29,18 +29,13 @@ QByteArray errorFilePath(long int selector)
 } // namespace
 
 // The two hand-over calls do what fileWriteVars and fileReadVars do, one
-// variable in one frame, without taking the client lock again.
+// variable in one frame, without taking the client lock again; like them
+// they send nothing in thread mode.
 long int AsynchronousClient::writeVarLocked(qint32 address, qint32 value)
 {
     if (!isDirectMode())
-        return StatusOk;   // the file-variable calls send nothing in thread mode
-    {
-        std::unique_lock<std::mutex> data(m_dataMutex);
-        m_sentAddresses.clear();
-        m_sentIsPoll = false;
-    }
-    m_outgoing = builtFrame(buildWriteVars(&address, &value, 1));
-    return exchangeStatus(exchange(), StatusOk);
+        return StatusOk;
+    return sendVarFrame(builtFrame(buildWriteVars(&address, &value, 1)), QList<qint32>());
 }
 
 long int AsynchronousClient::readVarLocked(qint32 address, qint32 *value)
@@ -51,14 +46,11 @@ long int AsynchronousClient::readVarLocked(qint32 address, qint32 *value)
         // The value map is the result table of a read, as for every read.
         std::unique_lock<std::mutex> data(m_dataMutex);
         m_values.clear();
-        m_sentAddresses = QList<qint32>{ address };
-        m_sentIsPoll = false;
     }
-    m_outgoing = builtFrame(buildReadVars(&address, 1));
-    const bool replied = exchange();
+    const long int status = sendVarFrame(builtFrame(buildReadVars(&address, 1)), QList<qint32>{ address });
     std::unique_lock<std::mutex> data(m_dataMutex);
     *value = m_values.value(address, *value);   // unchanged when no value came
-    return exchangeStatus(replied, StatusOk);
+    return status;
 }
 
 void AsynchronousClient::finishErrorFile()
