@@ -30,8 +30,6 @@ public:
 
     // Text returned by getRuningPrg; valid until its next call.
     QByteArray &runningProgram() { return m_runningProgram; }
-    // Text returned by getCncCurrentError; valid until its next call.
-    QByteArray &currentError() { return m_currentError; }
 
 private:
     Q_DISABLE_COPY(ControllerEntry)
@@ -42,7 +40,6 @@ private:
     int m_channelCount = 1;
     QByteArray m_address;
     QByteArray m_runningProgram;
-    QByteArray m_currentError;
 };
 
 #endif
