@@ -5,6 +5,7 @@
 // and 127.0.0.88 with nothing listening.
 #include "velmora.h"
 #include "ControllerSim.h"
+#include "TestSupport.h"
 
 #include <chrono>
 #include <cstdio>
@@ -26,18 +27,6 @@ int failures = 0;
         } \
     } while (0)
 
-// Polls cond every 10 ms for at most ms milliseconds.
-template <typename F>
-bool waitFor(F cond, int ms)
-{
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
-    while (!cond()) {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return true;
-}
 
 int threadCount()
 {

@@ -5,10 +5,10 @@
 #include "velmora.h"
 
 #include "SimProcess.h"
+#include "TestSupport.h"
 
 #include <QDir>
 #include <QElapsedTimer>
-#include <QTemporaryDir>
 #include <QThread>
 #include <QtTest>
 
@@ -22,19 +22,6 @@
 namespace {
 
 std::string host(int n) { return "127.0.0.3" + std::to_string(n); }
-
-template <typename F>
-bool waitFor(F done, int ms = 5000)
-{
-    QElapsedTimer t;
-    t.start();
-    while (!done()) {
-        if (t.elapsed() > ms)
-            return false;
-        QThread::msleep(20);
-    }
-    return true;
-}
 
 // The library's `connect`, asked for by its version node. A sanitizer
 // runtime defines an unversioned `connect` of its own (the socket call),
@@ -80,18 +67,15 @@ class TestCapi : public QObject
 {
     Q_OBJECT
 
-    QTemporaryDir m_home;
-    QString m_oldDir;
+    ScratchDir m_home;
 
 private slots:
     void initTestCase()
     {
         QVERIFY(!QCoreApplication::instance());
-        QVERIFY(m_home.isValid());
-        m_oldDir = QDir::currentPath();
-        QVERIFY(QDir::setCurrent(m_home.path()));
+        QVERIFY(m_home.enter());
     }
-    void cleanupTestCase() { QDir::setCurrent(m_oldDir); }
+    void cleanupTestCase() { m_home.leave(); }
 
     void unknownController()
     {

@@ -3,10 +3,10 @@
 // and calls for two controllers at once.
 #include "AsynchronousClient.h"
 #include "ControllerSim.h"
+#include "TestSupport.h"
 
 #include <QDir>
 #include <QElapsedTimer>
-#include <QTemporaryDir>
 #include <QtTest>
 
 #include <memory>
@@ -16,20 +16,6 @@ namespace {
 
 QString host(int n) { return QStringLiteral("127.0.0.%1").arg(n); }
 
-// Polls `done` for at most `ms`; every wait of these tests is bounded.
-template <typename F>
-bool waitFor(F done, int ms = 5000)
-{
-    QElapsedTimer t;
-    t.start();
-    while (!done()) {
-        if (t.elapsed() > ms)
-            return false;
-        QThread::msleep(5);
-    }
-    return true;
-}
-
 quint8 countByte(const QByteArray &frame) { return quint8(frame.at(8)); }
 
 } // namespace
@@ -38,8 +24,7 @@ class TestClient : public QObject
 {
     Q_OBJECT
 
-    QTemporaryDir m_home;
-    QString m_oldDir;
+    ScratchDir m_home;
 
     std::unique_ptr<ControllerSim> startSim(int n)
     {
@@ -70,11 +55,9 @@ private slots:
     void initTestCase()
     {
         // The client creates "logs" under the working directory.
-        QVERIFY(m_home.isValid());
-        m_oldDir = QDir::currentPath();
-        QVERIFY(QDir::setCurrent(m_home.path()));
+        QVERIFY(m_home.enter());
     }
-    void cleanupTestCase() { QDir::setCurrent(m_oldDir); }
+    void cleanupTestCase() { m_home.leave(); }
 
     void constructionMakesLogDirectory()
     {

@@ -2,11 +2,11 @@
 // the clock seam, switching on and off, and lines from many threads.
 #include "AsynchronousClient.h"
 #include "CommLog.h"
+#include "TestSupport.h"
 
 #include <QDir>
 #include <QFile>
 #include <QRegularExpression>
-#include <QTemporaryDir>
 #include <QtTest>
 
 #include <atomic>
@@ -39,17 +39,14 @@ class TestLog : public QObject
 {
     Q_OBJECT
 
-    QTemporaryDir m_home;
-    QString m_oldDir;
+    ScratchDir m_home;
 
     QString logPath(const QString &suffix) const { return m_home.path() + "/logs/CommLog_" + suffix + ".txt"; }
 
 private slots:
     void initTestCase()
     {
-        QVERIFY(m_home.isValid());
-        m_oldDir = QDir::currentPath();
-        QVERIFY(QDir::setCurrent(m_home.path()));
+        QVERIFY(m_home.enter());
         QVERIFY(QDir().mkpath("logs"));
         CommLog::setClock(&fakeClock);
     }
@@ -57,7 +54,7 @@ private slots:
     {
         CommLog::install(false);
         CommLog::setClock(nullptr);
-        QDir::setCurrent(m_oldDir);
+        m_home.leave();
     }
     void cleanup()
     {

@@ -3,12 +3,12 @@
 // that deliberately keep the client locked.
 #include "AsynchronousClient.h"
 #include "ControllerSim.h"
+#include "TestSupport.h"
 
 #include <QDir>
 #include <QMutex>
 #include <QTcpServer>
 #include <QTcpSocket>
-#include <QTemporaryDir>
 #include <QtTest>
 
 #include <functional>
@@ -150,8 +150,7 @@ class TestOps : public QObject
 {
     Q_OBJECT
 
-    QTemporaryDir m_home;
-    QString m_oldDir;
+    ScratchDir m_home;
     std::unique_ptr<ControllerSim> m_sim;
     std::unique_ptr<OpsClient> m_client;
 
@@ -167,11 +166,9 @@ class TestOps : public QObject
 private slots:
     void initTestCase()
     {
-        QVERIFY(m_home.isValid());
-        m_oldDir = QDir::currentPath();
-        QVERIFY(QDir::setCurrent(m_home.path()));
+        QVERIFY(m_home.enter());
     }
-    void cleanupTestCase() { QDir::setCurrent(m_oldDir); }
+    void cleanupTestCase() { m_home.leave(); }
 
     void init()
     {
