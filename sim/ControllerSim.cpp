@@ -59,30 +59,91 @@ SimAction ControllerSimPrivate::serve(const QByteArray &frame, SimSession &sessi
         }
     }
 
+    using Fault = ControllerSim::Fault;
     SimAction action;
     switch (fault.kind) {
-    case ControllerSim::Fault::CloseAfter:
+    case Fault::CloseAfter:
         action.kind = SimAction::Close;
         return action;
-    case ControllerSim::Fault::Silence:
+    case Fault::Silence:
         return action;
-    case ControllerSim::Fault::ErrorReply:
+    case Fault::ErrorReply:
         action.kind = SimAction::Reply;
         action.bytes = SimFrame::wrap(SimMachine::errorReply(pdu).pdu);
+        return action;
+    case Fault::Garbage:
+        action.kind = SimAction::Reply;
+        action.bytes = garbage(fault.arg > 0 ? fault.arg : 16);
+        return action;
+    case Fault::Restart:
+        action.kind = SimAction::Restart;
+        action.delayMs = fault.arg > 0 ? fault.arg : 1000;
         return action;
     default:
         break;
     }
     SimReply reply = machine.handle(pdu, session);
-    if (fault.kind == ControllerSim::Fault::State && reply.stateOffset >= 0)
+    if (fault.kind == Fault::State && reply.stateOffset >= 0)
         reply.pdu[reply.stateOffset] = char(fault.arg);
+    else if (fault.kind == Fault::Bare)
+        reply.pdu.truncate(1);
+    else if (fault.kind == Fault::Count && letter == 'B')
+        reply.pdu = withCount(reply.pdu, fault.arg);
     action.kind = SimAction::Reply;
     action.bytes = SimFrame::wrap(reply.pdu);
-    if (fault.kind == ControllerSim::Fault::Delay)
+    switch (fault.kind) {
+    case Fault::Delay:
         action.delayMs = fault.arg;
-    else if (fault.kind == ControllerSim::Fault::Split)
+        break;
+    case Fault::Split:
         action.splitPauseMs = fault.arg > 0 ? fault.arg : 50;
+        break;
+    case Fault::Oversize: {
+        // The length field says what follows, so the frame is well formed:
+        // only its size is more than a controller may send.
+        const int size = qMax(fault.arg > 0 ? fault.arg : 600, action.bytes.size());
+        action.bytes = SimFrame::wrap(reply.pdu + QByteArray(size - action.bytes.size(), '\0'));
+        break;
+    }
+    case Fault::Stream:
+        action.kind = SimAction::Stream;
+        break;
+    case Fault::Stale: {
+        QByteArray old(4, '\0');
+        old[0] = char(fault.arg > 0 ? fault.arg : 'D');
+        action.bytes.prepend(SimFrame::wrap(old));
+        break;
+    }
+    default:
+        break;
+    }
     return action;
+}
+
+QByteArray ControllerSimPrivate::garbage(int size)
+{
+    // Deterministic, so a failing test sees the same bytes again; the first
+    // byte is never 0, so the bytes cannot start a frame header.
+    QByteArray bytes(size, '\0');
+    quint32 x = 0x9e3779b9u;
+    for (int i = 0; i < size; ++i) {
+        x ^= x << 13;
+        x ^= x >> 17;
+        x ^= x << 5;
+        bytes[i] = char(x | (i == 0 ? 0x80 : 0));
+    }
+    return bytes;
+}
+
+QByteArray ControllerSimPrivate::withCount(const QByteArray &pdu, int count)
+{
+    QByteArray out = pdu.left(2);
+    out[1] = char(count);
+    for (int i = 0; i < count; ++i) {
+        const int at = 2 + 4 * i;
+        out.append(at + 4 <= pdu.size() ? pdu.mid(at, 4) : QByteArray(4, '\0'));
+    }
+    return out;
 }
 
 ControllerSim::ControllerSim(const QString &address, quint16 port)
@@ -305,7 +366,11 @@ bool ControllerSim::parseFault(const QString &text, char *letter, int *sub, Faul
     }
     static const QStringList kinds = {QStringLiteral("silence"), QStringLiteral("error"),
                                       QStringLiteral("state"), QStringLiteral("delay"),
-                                      QStringLiteral("split"), QStringLiteral("close")};
+                                      QStringLiteral("split"), QStringLiteral("close"),
+                                      QStringLiteral("garbage"), QStringLiteral("oversize"),
+                                      QStringLiteral("stream"), QStringLiteral("stale"),
+                                      QStringLiteral("bare"), QStringLiteral("count"),
+                                      QStringLiteral("restart")};
     const int k = kinds.indexOf(what[0]);
     if (k < 0)
         return false;

@@ -88,8 +88,23 @@ public:
                          // effect on replies without one: 'B', 'D', 'g', 'c' 02)
             Delay,       // the normal reply, arg ms late
             Split,       // the reply in two TCP segments, arg ms apart (0: 50)
-            CloseAfter   // arg matching requests answered, the next one closes
+            CloseAfter,  // arg matching requests answered, the next one closes
                          // the connection unanswered (the count then restarts)
+            Garbage,     // arg bytes (0: 16) that are no frame at all; the
+                         // request is not carried out
+            Oversize,    // the normal reply grown to a frame of arg bytes
+                         // (0: 600), more than any reply can be
+            Stream,      // the normal reply, then bytes without end until the
+                         // peer closes the connection or the simulator stops
+            Stale,       // first a complete reply with letter arg (0: 'D'),
+                         // as left over from an earlier request, then the
+                         // normal reply
+            Bare,        // carried out, but the reply is the letter alone
+            Count,       // 'B' only: the reply carries arg values (the real
+                         // ones, then zeros) and says so in its count byte
+            Restart      // the controller restarts: every connection closes
+                         // unanswered and new ones are refused for arg ms
+                         // (0: 1000); memory is kept
         };
         Kind kind = None;
         int arg = 0;
@@ -101,6 +116,13 @@ public:
         static Fault delay(int ms, int times = -1) { return {Delay, ms, times}; }
         static Fault split(int pauseMs = 50, int times = -1) { return {Split, pauseMs, times}; }
         static Fault closeAfter(int n, int times = -1) { return {CloseAfter, n, times}; }
+        static Fault garbage(int bytes = 0, int times = -1) { return {Garbage, bytes, times}; }
+        static Fault oversize(int bytes = 0, int times = -1) { return {Oversize, bytes, times}; }
+        static Fault stream(int times = -1) { return {Stream, 0, times}; }
+        static Fault stale(char letter = 'D', int times = -1) { return {Stale, quint8(letter), times}; }
+        static Fault bare(int times = -1) { return {Bare, 0, times}; }
+        static Fault count(int n, int times = -1) { return {Count, n, times}; }
+        static Fault restart(int ms = 0, int times = -1) { return {Restart, ms, times}; }
     };
 
     // The running DNC file store size when nothing else is set.
@@ -169,7 +191,9 @@ public:
     void setSplit(char letter, int sub = -1, int pauseMs = 50) { setFault(letter, sub, Fault::split(pauseMs)); }
     void setCloseAfter(char letter, int sub, int n) { setFault(letter, sub, Fault::closeAfter(n)); }
     // "LETTER[:SUB]=KIND[:ARG[:TIMES]]", KIND one of silence, error, state,
-    // delay, split, close; e.g. "B=delay:300", "d:3=state:3", "p=silence:0:2".
+    // delay, split, close, garbage, oversize, stream, stale, bare, count,
+    // restart (the enum order above); e.g. "B=delay:300", "d:3=state:3",
+    // "p=silence:0:2", "f:3=stale:0x44".
     static bool parseFault(const QString &text, char *letter, int *sub, Fault *fault);
 
     // Record of every request frame received (whole frame, header included).

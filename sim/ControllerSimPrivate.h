@@ -17,9 +17,11 @@ class SimServer;
 // What the serving thread does with one request frame.
 struct SimAction
 {
-    enum Kind { Reply, Nothing, Close };
+    // Stream: send bytes, then junk until the peer goes. Restart: close
+    // every connection and refuse new ones for delayMs.
+    enum Kind { Reply, Nothing, Close, Stream, Restart };
     Kind kind = Nothing;
-    QByteArray bytes;   // the whole reply frame
+    QByteArray bytes;   // what to send: the reply frame(s)
     int delayMs = 0;
     int splitPauseMs = -1;  // >= 0: send in two segments this far apart
 };
@@ -37,6 +39,9 @@ public:
     SimAction serve(const QByteArray &frame, SimSession &session);
     void connectionOpened();
     void connectionClosed();
+    static QByteArray garbage(int size);
+    // A 'B' reply PDU made to carry `count` values.
+    static QByteArray withCount(const QByteArray &pdu, int count);
 
     const QString address;
     const quint16 port;

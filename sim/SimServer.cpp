@@ -8,6 +8,7 @@
 #include <QVector>
 
 #include <chrono>
+#include <functional>
 #include <future>
 
 namespace {
@@ -31,6 +32,17 @@ void sendAll(QTcpSocket &socket, const QByteArray &bytes)
 {
     socket.write(bytes);
     while (socket.bytesToWrite() > 0 && socket.waitForBytesWritten(kWriteWaitMs)) {
+    }
+}
+
+// Bytes without end, as from a controller whose sender ran away.
+void streamUntil(QTcpSocket &socket, const std::function<bool()> &goOn)
+{
+    const QByteArray chunk = ControllerSimPrivate::garbage(4096);
+    while (goOn() && socket.state() == QAbstractSocket::ConnectedState) {
+        if (socket.bytesToWrite() < 4 * chunk.size())
+            socket.write(chunk);
+        socket.waitForBytesWritten(kPollMs);
     }
 }
 
@@ -74,6 +86,24 @@ bool SimServer::pause(int ms)
     return !m_wake.wait_for(lock, std::chrono::milliseconds(ms), [this] { return m_stopping.load(); });
 }
 
+void SimServer::restart(int ms)
+{
+    std::unique_lock<std::mutex> lock(m_wakeLock);
+    m_refuseUntil = std::chrono::steady_clock::now() + std::chrono::milliseconds(ms);
+    m_listenerDown = false;
+    ++m_generation;
+    // The port closes before this connection does, so a peer that reconnects
+    // at once is refused, as by a controller that is really down.
+    m_wake.wait_for(lock, std::chrono::milliseconds(kWriteWaitMs),
+                    [this] { return m_listenerDown || m_stopping.load(); });
+}
+
+bool SimServer::refusing()
+{
+    std::lock_guard<std::mutex> lock(m_wakeLock);
+    return std::chrono::steady_clock::now() < m_refuseUntil;
+}
+
 void SimServer::acceptLoop(std::promise<bool> *listening)
 {
     Listener server;
@@ -82,7 +112,22 @@ void SimServer::acceptLoop(std::promise<bool> *listening)
     if (!ok)
         return;
     while (!m_stopping) {
-        server.waitForNewConnection(kPollMs);
+        if (refusing()) {
+            // Down for a restart: connection attempts are refused meanwhile.
+            if (server.isListening()) {
+                server.close();
+                {
+                    std::lock_guard<std::mutex> lock(m_wakeLock);
+                    m_listenerDown = true;
+                }
+                m_wake.notify_all();
+            }
+            pause(kPollMs);
+        } else if (!server.isListening() && !server.listen(QHostAddress(d->address), d->port)) {
+            pause(kPollMs);
+        }
+        if (server.isListening())
+            server.waitForNewConnection(kPollMs);
         for (qintptr descriptor : server.pending) {
             auto worker = std::make_unique<Worker>();
             Worker *w = worker.get();
@@ -117,8 +162,10 @@ void SimServer::serveConnection(qintptr descriptor)
     d->connectionOpened();
     QByteArray input;
     SimSession session;
+    const int generation = m_generation;
+    const auto current = [this, generation] { return !m_stopping && m_generation == generation; };
     bool open = true;
-    while (open && !m_stopping) {
+    while (open && current()) {
         if (!socket.waitForReadyRead(kPollMs)) {
             if (socket.state() != QAbstractSocket::ConnectedState)
                 break;
@@ -138,6 +185,13 @@ void SimServer::serveConnection(qintptr descriptor)
             const SimAction action = d->serve(frame, session);
             if (action.kind == SimAction::Close) {
                 open = false;
+            } else if (action.kind == SimAction::Restart) {
+                restart(action.delayMs);
+                open = false;
+            } else if (action.kind == SimAction::Stream) {
+                sendAll(socket, action.bytes);
+                streamUntil(socket, current);
+                open = false;
             } else if (action.kind == SimAction::Reply) {
                 if (action.delayMs > 0 && !pause(action.delayMs)) {
                     open = false;
@@ -153,8 +207,8 @@ void SimServer::serveConnection(qintptr descriptor)
             }
         }
     }
-    if (m_stopping) {
-        socket.abort();
+    if (!current()) {
+        socket.abort();   // stopping, or the controller went down for a restart
     } else {
         socket.disconnectFromHost();
         if (socket.state() != QAbstractSocket::UnconnectedState)

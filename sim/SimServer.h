@@ -4,6 +4,7 @@
 #include <QtGlobal>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <future>
 #include <list>
@@ -43,9 +44,16 @@ private:
     void serveConnection(qintptr descriptor);
     // Sleeps ms unless stop() comes first; false when stopping.
     bool pause(int ms);
+    // A restart: every connection of this generation ends, and the listener
+    // is closed for ms.
+    void restart(int ms);
+    bool refusing();
 
     ControllerSimPrivate *d;
     std::atomic<bool> m_stopping{false};
+    std::atomic<int> m_generation{0};     // a restart ends the connections of older ones
+    std::chrono::steady_clock::time_point m_refuseUntil;  // under m_wakeLock
+    bool m_listenerDown = false;                          // under m_wakeLock
     std::mutex m_wakeLock;
     std::condition_variable m_wake;
     std::thread m_acceptor;

@@ -41,7 +41,8 @@ int main(int argc, char *argv[])
                                     QStringLiteral("DNC memory size in bytes."), QStringLiteral("N"));
     const QCommandLineOption faultOpt(QStringLiteral("fault"),
                                       QStringLiteral("LETTER[:SUB]=KIND[:ARG[:TIMES]], KIND one of "
-                                                     "silence, error, state, delay, split, close."),
+                                                     "silence, error, state, delay, split, close, garbage, "
+                                                     "oversize, stream, stale, bare, count, restart."),
                                       QStringLiteral("F"));
     const QCommandLineOption programOpt(QStringLiteral("program"),
                                         QStringLiteral("A program name cycle start accepts."),

@@ -103,6 +103,7 @@ private slots:
     void faults();
     void faultTimes();
     void splitAndCloseAfter();
+    void garbageStreamAndRestart();
     void framingAcrossSegments();
     void brokenHeaderClosesOnlyThatConnection();
     void everyWellFramedRequestGetsOneReply();
@@ -374,6 +375,16 @@ void tst_Sim::faults_data()
     QTest::newRow("other sub unaffected") << 'd' << 6 << ControllerSim::Fault::silence() << setFile
                                           << hex("00000000 0600 00 64 01 01 01 00");
     QTest::newRow("delay") << 'p' << -1 << ControllerSim::Fault::delay(150) << probe << hex("00000000 0300 00 70 00");
+    QTest::newRow("bare letter") << 'p' << -1 << ControllerSim::Fault::bare() << probe << hex("00000000 0200 00 70");
+    QTest::newRow("stale D ack first") << 'p' << -1 << ControllerSim::Fault::stale()
+                                       << probe << hex("00000000 0500 00 44 000000 00000000 0300 00 70 00");
+    const QByteArray read2 = hex("00000000 0b00 00 42 02 01000000 02000000");
+    QTest::newRow("read of 2 says 3") << 'B' << -1 << ControllerSim::Fault::count(3) << read2
+                                      << hex("00000000 0f00 00 42 03 00000000 00000000 00000000");
+    QTest::newRow("read of 2 says 1") << 'B' << -1 << ControllerSim::Fault::count(1) << read2
+                                      << hex("00000000 0700 00 42 01 00000000");
+    QTest::newRow("oversize 600") << 'p' << -1 << ControllerSim::Fault::oversize(600) << probe
+                                  << hex("00000000 5202 00 70 00") + QByteArray(591, '\0');
 }
 
 void tst_Sim::faults()
@@ -389,10 +400,7 @@ void tst_Sim::faults()
     peer.socket.write(request);
     if (fault.kind == ControllerSim::Fault::Delay)
         QVERIFY(peer.readFor(fault.arg / 2).isEmpty());
-    if (expected.isEmpty())
-        QVERIFY(peer.readFor(300).isEmpty());
-    else
-        QCOMPARE(peer.reply(), expected);
+    QCOMPARE(peer.readFor(expected.isEmpty() || fault.kind == ControllerSim::Fault::Delay ? 300 : 150), expected);
     // Faults stay until cleared, then the normal reply comes back.
     sim->clearFaults();
     const QByteArray normal = peer.exchange(request);
@@ -447,6 +455,40 @@ void tst_Sim::splitAndCloseAfter()
     Peer again;
     QVERIFY(again.connected);
     QCOMPARE(again.exchange(probe), hex("00000000 0300 00 70 00"));
+}
+
+void tst_Sim::garbageStreamAndRestart()
+{
+    const QByteArray probe = hex("00000000 0200 00 70");
+    sim->setFault('p', -1, ControllerSim::Fault::garbage(5, 1));
+    sim->setFault('B', -1, ControllerSim::Fault::stream());
+    {
+        Peer peer;
+        QVERIFY(peer.connected);
+        peer.socket.write(probe);
+        const QByteArray junk = peer.readFor(150);
+        QCOMPARE(junk.size(), 5);
+        QVERIFY(quint8(junk[0]) & 0x80);   // no frame header can start with it
+        peer.socket.write(hex("00000000 0700 00 42 01 01000000"));
+        const QByteArray flood = peer.readFor(300);
+        QVERIFY(flood.startsWith(hex("00000000 0700 00 42 01 00000000")));
+        QVERIFY2(flood.size() > 65536, QByteArray::number(flood.size()).constData());
+    }
+    // The stream ends with its connection.
+    QTRY_COMPARE_WITH_TIMEOUT(sim->connectionCount(), 0, 2000);
+    sim->clearFaults();
+
+    sim->setFault('p', -1, ControllerSim::Fault::restart(600, 1));
+    Peer first;
+    QVERIFY(first.connected);
+    first.socket.write(probe);
+    QVERIFY(first.readFor(200).isEmpty());
+    QCOMPARE(first.socket.state(), QAbstractSocket::UnconnectedState);
+    QVERIFY(!Peer().connected);        // down while it restarts
+    QTest::qWait(600);
+    Peer after;
+    QVERIFY(after.connected);
+    QCOMPARE(after.exchange(probe), hex("00000000 0300 00 70 00"));
 }
 
 void tst_Sim::framingAcrossSegments()
@@ -525,6 +567,8 @@ void tst_Sim::parseFault_data()
     QTest::newRow("times") << "p=silence:0:2" << true << 'p' << -1 << int(ControllerSim::Fault::Silence) << 0 << 2;
     QTest::newRow("split") << "c:2=split" << true << 'c' << 2 << int(ControllerSim::Fault::Split) << 0 << -1;
     QTest::newRow("close") << "f=close:4" << true << 'f' << -1 << int(ControllerSim::Fault::CloseAfter) << 4 << -1;
+    QTest::newRow("stale with a letter") << "f:3=stale:0x44" << true << 'f' << 3 << int(ControllerSim::Fault::Stale) << 0x44 << -1;
+    QTest::newRow("restart once") << "p=restart:500:1" << true << 'p' << -1 << int(ControllerSim::Fault::Restart) << 500 << 1;
     QTest::newRow("no letter") << "=silence" << false << '\0' << 0 << 0 << 0 << 0;
     QTest::newRow("two letters") << "Bd=silence" << false << '\0' << 0 << 0 << 0 << 0;
     QTest::newRow("unknown kind") << "B=explode" << false << '\0' << 0 << 0 << 0 << 0;
