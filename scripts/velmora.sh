@@ -13,7 +13,7 @@ build=${VELMORA_BUILD_DIR:-$root/build}
 jobs=$(nproc)
 
 packages=(build-essential cmake ninja-build ccache qtbase5-dev qtbase5-dev-tools
-          libqt5network5 fonts-wqy-microhei clang libclang-rt-14-dev)
+          libqt5network5 fonts-wqy-microhei clang libclang-rt-14-dev python3 tshark)
 
 install_missing() {
   local missing=()

@@ -1,6 +1,7 @@
 #include "ControllerSim.h"
 #include "ControllerSimPrivate.h"
 #include "SimFrame.h"
+#include "SimPcap.h"
 #include "SimServer.h"
 
 #include <QStringList>
@@ -28,6 +29,12 @@ void ControllerSimPrivate::connectionClosed()
     --openConnections;
 }
 
+std::shared_ptr<SimPcap> ControllerSimPrivate::recorder() const
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    return pcap;
+}
+
 SimAction ControllerSimPrivate::serve(const QByteArray &frame, SimSession &session)
 {
     std::lock_guard<std::mutex> lock(mutex);
@@ -46,16 +53,20 @@ SimAction ControllerSimPrivate::serve(const QByteArray &frame, SimSession &sessi
     if (it == faults.end())
         it = faults.find({letter, -1});
     if (it != faults.end()) {
+        FaultEntry &next = it->first();
         bool applies = true;
-        if (it->fault.kind == ControllerSim::Fault::CloseAfter) {
-            applies = ++it->seen > it->fault.arg;
+        if (next.fault.kind == ControllerSim::Fault::CloseAfter) {
+            applies = ++next.seen > next.fault.arg;
             if (applies)
-                it->seen = 0;
+                next.seen = 0;
         }
         if (applies) {
-            fault = it->fault;
-            if (it->fault.times > 0 && --it->fault.times == 0)
-                faults.erase(it);
+            fault = next.fault;
+            if (next.fault.times > 0 && --next.fault.times == 0) {
+                it->removeFirst();
+                if (it->isEmpty())
+                    faults.erase(it);
+            }
         }
     }
 
@@ -156,7 +167,7 @@ ControllerSim::~ControllerSim()
     stop();
 }
 
-bool ControllerSim::start()
+bool ControllerSim::start(QString *error)
 {
     std::lock_guard<std::mutex> guard(d->startStop);
     if (d->server)
@@ -166,7 +177,7 @@ bool ControllerSim::start()
     // becomes its main thread, and that must not be a short-lived one of ours.
     QThread::currentThread();
     auto server = std::make_unique<SimServer>(d.get());
-    if (!server->start())
+    if (!server->start(error))
         return false;
     d->server = std::move(server);
     return true;
@@ -332,7 +343,14 @@ void ControllerSim::setFault(char letter, int sub, const Fault &fault)
     if (fault.kind == Fault::None || fault.times == 0)
         d->faults.remove({letter, sub});
     else
-        d->faults.insert({letter, sub}, {fault, 0});
+        d->faults.insert({letter, sub}, {{fault, 0}});
+}
+
+void ControllerSim::addFault(char letter, int sub, const Fault &fault)
+{
+    std::lock_guard<std::mutex> lock(d->mutex);
+    if (fault.kind != Fault::None && fault.times != 0)
+        d->faults[{letter, sub}].append({fault, 0});
 }
 
 void ControllerSim::clearFault(char letter, int sub)
@@ -426,6 +444,16 @@ void ControllerSim::setRecording(bool on)
 {
     std::lock_guard<std::mutex> lock(d->mutex);
     d->recording = on;
+}
+
+bool ControllerSim::recordTraffic(const QString &path, QString *error)
+{
+    auto pcap = std::make_shared<SimPcap>();
+    if (!pcap->open(path, error))
+        return false;
+    std::lock_guard<std::mutex> lock(d->mutex);
+    d->pcap = std::move(pcap);
+    return true;
 }
 
 void ControllerSim::setRequestLogger(std::function<void(const QByteArray &)> logger)

@@ -136,8 +136,9 @@ public:
     ControllerSim(const ControllerSim &) = delete;
     ControllerSim &operator=(const ControllerSim &) = delete;
 
-    // Listens and serves on its own thread; false when the address cannot be bound.
-    bool start();
+    // Listens and serves on its own thread; false when the address cannot be
+    // bound, with the reason in error.
+    bool start(QString *error = nullptr);
     void stop();
     bool isRunning() const;
     QString address() const;
@@ -180,8 +181,11 @@ public:
     QVector<qint32> oscAxes() const;  // the last 'i' 01 values, empty before
     qint32 oscTransEnable() const;    // the last 'i' 02 value, 0 before
 
-    // Faults.
+    // Faults. setFault replaces what a command had; addFault queues behind
+    // it, so "refuse the next 3, then stay silent once" is two calls. A fault
+    // without a count never gives way to the next.
     void setFault(char letter, int sub, const Fault &fault);
+    void addFault(char letter, int sub, const Fault &fault);
     void clearFault(char letter, int sub);
     void clearFaults();
     void setSilence(char letter, int sub = -1) { setFault(letter, sub, Fault::silence()); }
@@ -202,6 +206,9 @@ public:
     void clearRequests();
     bool waitForRequests(int n, int timeoutMs) const;
     void setRecording(bool on);  // off for long benchmark runs
+    // Writes every connection opened from now on, both directions, to a pcap
+    // file (see SimPcap); false, with the reason, when it cannot be created.
+    bool recordTraffic(const QString &path, QString *error = nullptr);
     // Called on the serving thread with every request frame, under the lock.
     void setRequestLogger(std::function<void(const QByteArray &)> logger);
 

@@ -13,6 +13,7 @@
 #include <mutex>
 
 class SimServer;
+class SimPcap;
 
 // What the serving thread does with one request frame.
 struct SimAction
@@ -39,6 +40,7 @@ public:
     SimAction serve(const QByteArray &frame, SimSession &session);
     void connectionOpened();
     void connectionClosed();
+    std::shared_ptr<SimPcap> recorder() const;
     static QByteArray garbage(int size);
     // A 'B' reply PDU made to carry `count` values.
     static QByteArray withCount(const QByteArray &pdu, int count);
@@ -53,10 +55,13 @@ public:
         ControllerSim::Fault fault;
         int seen = 0;
     };
-    QMap<QPair<char, int>, FaultEntry> faults;
+    // Per command, the faults still to come, in order: the first one acts
+    // until its count runs out, then the next takes over.
+    QMap<QPair<char, int>, QList<FaultEntry>> faults;
     QList<QByteArray> record;
     bool recording = true;
     std::function<void(const QByteArray &)> logger;
+    std::shared_ptr<SimPcap> pcap;
     int openConnections = 0;
     int acceptedConnections = 0;
 

@@ -1,6 +1,7 @@
 #include "SimServer.h"
 #include "ControllerSimPrivate.h"
 #include "SimFrame.h"
+#include "SimPcap.h"
 
 #include <QHostAddress>
 #include <QTcpServer>
@@ -28,6 +29,8 @@ protected:
     void incomingConnection(qintptr descriptor) override { pending.append(descriptor); }
 };
 
+using Sender = std::function<void(const QByteArray &)>;
+
 void sendAll(QTcpSocket &socket, const QByteArray &bytes)
 {
     socket.write(bytes);
@@ -36,12 +39,14 @@ void sendAll(QTcpSocket &socket, const QByteArray &bytes)
 }
 
 // Bytes without end, as from a controller whose sender ran away.
-void streamUntil(QTcpSocket &socket, const std::function<bool()> &goOn)
+void streamUntil(QTcpSocket &socket, const Sender &record, const std::function<bool()> &goOn)
 {
     const QByteArray chunk = ControllerSimPrivate::garbage(4096);
     while (goOn() && socket.state() == QAbstractSocket::ConnectedState) {
-        if (socket.bytesToWrite() < 4 * chunk.size())
+        if (socket.bytesToWrite() < 4 * chunk.size()) {
+            record(chunk);
             socket.write(chunk);
+        }
         socket.waitForBytesWritten(kPollMs);
     }
 }
@@ -58,7 +63,7 @@ SimServer::~SimServer()
     stop();
 }
 
-bool SimServer::start()
+bool SimServer::start(QString *error)
 {
     std::promise<bool> listening;
     std::future<bool> result = listening.get_future();
@@ -66,6 +71,8 @@ bool SimServer::start()
     if (result.get())
         return true;
     m_acceptor.join();
+    if (error)
+        *error = m_listenError;
     return false;
 }
 
@@ -107,7 +114,12 @@ bool SimServer::refusing()
 void SimServer::acceptLoop(std::promise<bool> *listening)
 {
     Listener server;
-    const bool ok = server.listen(QHostAddress(d->address), d->port);
+    QHostAddress address;
+    bool ok = address.setAddress(d->address);
+    if (!ok)
+        m_listenError = QStringLiteral("not an IP address");
+    else if (!(ok = server.listen(address, d->port)))
+        m_listenError = server.errorString();
     listening->set_value(ok);   // the caller's promise is not touched after this
     if (!ok)
         return;
@@ -160,6 +172,19 @@ void SimServer::serveConnection(qintptr descriptor)
         return;
     socket.setSocketOption(QAbstractSocket::LowDelayOption, 1);
     d->connectionOpened();
+    const std::shared_ptr<SimPcap> pcap = d->recorder();
+    SimPcap::Stream stream;
+    if (pcap)
+        stream = pcap->opened(socket.peerAddress().toIPv4Address(), socket.peerPort(),
+                              socket.localAddress().toIPv4Address(), socket.localPort());
+    const Sender record = [&](const QByteArray &bytes) {
+        if (pcap)
+            pcap->data(stream, false, bytes);
+    };
+    const auto send = [&](const QByteArray &bytes) {
+        record(bytes);
+        sendAll(socket, bytes);
+    };
     QByteArray input;
     SimSession session;
     const int generation = m_generation;
@@ -171,7 +196,10 @@ void SimServer::serveConnection(qintptr descriptor)
                 break;
             continue;
         }
-        input.append(socket.readAll());
+        const QByteArray received = socket.readAll();
+        if (pcap)
+            pcap->data(stream, true, received);
+        input.append(received);
         while (open) {
             const int len = SimFrame::frameLength(input);
             if (len == 0)
@@ -189,24 +217,26 @@ void SimServer::serveConnection(qintptr descriptor)
                 restart(action.delayMs);
                 open = false;
             } else if (action.kind == SimAction::Stream) {
-                sendAll(socket, action.bytes);
-                streamUntil(socket, current);
+                send(action.bytes);
+                streamUntil(socket, record, current);
                 open = false;
             } else if (action.kind == SimAction::Reply) {
                 if (action.delayMs > 0 && !pause(action.delayMs)) {
                     open = false;
                 } else if (action.splitPauseMs >= 0) {
                     const int half = qMax(1, action.bytes.size() / 2);
-                    sendAll(socket, action.bytes.left(half));
+                    send(action.bytes.left(half));
                     open = pause(action.splitPauseMs);
                     if (open)
-                        sendAll(socket, action.bytes.mid(half));
+                        send(action.bytes.mid(half));
                 } else {
-                    sendAll(socket, action.bytes);
+                    send(action.bytes);
                 }
             }
         }
     }
+    if (pcap)
+        pcap->closed(stream, socket.state() != QAbstractSocket::ConnectedState);
     if (!current()) {
         socket.abort();   // stopping, or the controller went down for a restart
     } else {

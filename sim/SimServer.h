@@ -1,7 +1,7 @@
 #ifndef SIMSERVER_H
 #define SIMSERVER_H
 
-#include <QtGlobal>
+#include <QString>
 
 #include <atomic>
 #include <chrono>
@@ -29,8 +29,9 @@ public:
     SimServer(const SimServer &) = delete;
     SimServer &operator=(const SimServer &) = delete;
 
-    // Binds and starts accepting; false when the address cannot be bound.
-    bool start();
+    // Binds and starts accepting; false, with the reason, when the address
+    // cannot be bound.
+    bool start(QString *error = nullptr);
     // Closes every connection and joins every thread.
     void stop();
 
@@ -57,6 +58,7 @@ private:
     std::mutex m_wakeLock;
     std::condition_variable m_wake;
     std::thread m_acceptor;
+    QString m_listenError;   // written before start() learns the result
     std::list<std::unique_ptr<Worker>> m_workers;  // acceptor thread only
 };
 

@@ -2,11 +2,12 @@
 // host software without a machine tool.
 
 #include "ControllerSim.h"
+#include "SimScenario.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
+#include <QFile>
 #include <QTextStream>
-
 #include <QTimer>
 
 #include <csignal>
@@ -22,6 +23,23 @@ void onSignal(int)
     stopRequested = 1;
 }
 
+QString description()
+{
+    QString text = QStringLiteral("Simulated CNC controller on port 60000: variables, watchdog, reset and\n"
+                                  "program start, DNC files, remote buffer, error files, oscilloscope.\n\n");
+    text += SimScenario::formatHelp();
+    for (const SimScenario::Setting &s : SimScenario::settings()) {
+        const QString head = s.name + (s.valueName.isEmpty() ? QString() : QLatin1Char(' ') + s.valueName);
+        text += QStringLiteral("  %1\n      %2\n").arg(head, s.help);
+    }
+    text += QStringLiteral("Example scenario:\n"
+                           "  var 1000005=42\n"
+                           "  fault d:2=state:3:3   # the next 3 appends: memory full\n"
+                           "  fault d:2=silence:0:1 # then one goes unanswered\n"
+                           "  fault B=delay:300\n");
+    return text;
+}
+
 } // namespace
 
 int main(int argc, char *argv[])
@@ -30,56 +48,57 @@ int main(int argc, char *argv[])
     QCoreApplication::setApplicationName(QStringLiteral("velmora-sim"));
 
     QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral("Simulated CNC controller on port 60000."));
+    parser.setApplicationDescription(description());
     parser.addHelpOption();
-    const QCommandLineOption addressOpt(QStringLiteral("address"),
-                                        QStringLiteral("Address to listen on."),
+    const QCommandLineOption addressOpt(QStringLiteral("address"), QStringLiteral("Address to listen on."),
                                         QStringLiteral("A"), QStringLiteral("127.0.0.1"));
-    const QCommandLineOption animateOpt(QStringLiteral("animate"),
-                                        QStringLiteral("Never-written variables vary over time."));
-    const QCommandLineOption dncOpt(QStringLiteral("dnc-size"),
-                                    QStringLiteral("DNC memory size in bytes."), QStringLiteral("N"));
-    const QCommandLineOption faultOpt(QStringLiteral("fault"),
-                                      QStringLiteral("LETTER[:SUB]=KIND[:ARG[:TIMES]], KIND one of "
-                                                     "silence, error, state, delay, split, close, garbage, "
-                                                     "oversize, stream, stale, bare, count, restart."),
-                                      QStringLiteral("F"));
-    const QCommandLineOption programOpt(QStringLiteral("program"),
-                                        QStringLiteral("A program name cycle start accepts."),
-                                        QStringLiteral("NAME"));
-    const QCommandLineOption durationOpt(QStringLiteral("program-time"),
-                                         QStringLiteral("A started program ends after MS milliseconds."),
-                                         QStringLiteral("MS"));
+    const QCommandLineOption recordOpt(QStringLiteral("record"),
+                                       QStringLiteral("Write all traffic to FILE as pcap (Wireshark, tshark, tcpdump)."),
+                                       QStringLiteral("FILE"));
+    const QCommandLineOption scenarioOpt(QStringLiteral("scenario"),
+                                         QStringLiteral("Apply the settings of a scenario file (below)."),
+                                         QStringLiteral("FILE"));
     const QCommandLineOption quietOpt(QStringLiteral("quiet"), QStringLiteral("Do not log requests."));
-    parser.addOptions({addressOpt, animateOpt, dncOpt, faultOpt, programOpt, durationOpt, quietOpt});
+    parser.addOptions({addressOpt, recordOpt, scenarioOpt, quietOpt});
+    QList<QCommandLineOption> settingOpts;
+    for (const SimScenario::Setting &s : SimScenario::settings()) {
+        settingOpts.append(s.valueName.isEmpty() ? QCommandLineOption(s.name, s.help)
+                                                 : QCommandLineOption(s.name, s.help, s.valueName));
+        parser.addOption(settingOpts.last());
+    }
     parser.process(app);
 
     QTextStream err(stderr);
     ControllerSim sim(parser.value(addressOpt));
-    sim.setAnimated(parser.isSet(animateOpt));
-    if (parser.isSet(dncOpt)) {
-        bool ok = false;
-        const int size = parser.value(dncOpt).toInt(&ok);
-        if (!ok || size < 0) {
-            err << "velmora-sim: bad --dnc-size " << parser.value(dncOpt) << "\n";
+    QString why;
+    if (parser.isSet(scenarioOpt)) {
+        const QString path = parser.value(scenarioOpt);
+        QFile file(path);
+        if (!file.open(QIODevice::ReadOnly | QIODevice::Text)) {
+            err << "velmora-sim: cannot read scenario " << path << ": " << file.errorString() << "\n";
             return 2;
         }
-        sim.setDncMemorySize(size);
-    }
-    for (const QString &f : parser.values(faultOpt)) {
-        char letter = 0;
-        int sub = -1;
-        ControllerSim::Fault fault;
-        if (!ControllerSim::parseFault(f, &letter, &sub, &fault)) {
-            err << "velmora-sim: bad --fault " << f << "\n";
+        if (!SimScenario::applyText(sim, QString::fromUtf8(file.readAll()), &why)) {
+            err << "velmora-sim: " << path << ":" << why << "\n";
             return 2;
         }
-        sim.setFault(letter, sub, fault);
     }
-    if (parser.isSet(durationOpt))
-        sim.setProgramDuration(parser.value(durationOpt).toInt());
-    for (const QString &p : parser.values(programOpt))
-        sim.addKnownProgram(p.toUtf8());
+    for (const QCommandLineOption &o : settingOpts) {
+        const QString name = o.names().first();
+        const QStringList values = o.valueName().isEmpty() ? QStringList(QString()) : parser.values(o);
+        if (!parser.isSet(o))
+            continue;
+        for (const QString &v : values) {
+            if (!SimScenario::apply(sim, name, v, &why)) {
+                err << "velmora-sim: " << why << "\n";
+                return 2;
+            }
+        }
+    }
+    if (parser.isSet(recordOpt) && !sim.recordTraffic(parser.value(recordOpt), &why)) {
+        err << "velmora-sim: cannot record to " << parser.value(recordOpt) << ": " << why << "\n";
+        return 2;
+    }
     // A long-running simulator would otherwise keep every frame it ever saw.
     sim.setRecording(false);
     if (!parser.isSet(quietOpt)) {
@@ -100,8 +119,8 @@ int main(int argc, char *argv[])
     });
     stopPoll.start(50);
 
-    if (!sim.start()) {
-        err << "velmora-sim: cannot listen on " << sim.address() << ":" << sim.port() << "\n";
+    if (!sim.start(&why)) {
+        err << "velmora-sim: cannot listen on " << sim.address() << ":" << sim.port() << ": " << why << "\n";
         return 1;
     }
     QTextStream(stdout) << "velmora-sim listening on " << sim.address() << ":" << sim.port() << "\n" << Qt::flush;

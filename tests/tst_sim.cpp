@@ -2,6 +2,7 @@
 // other test relies on must answer byte for byte as documented.
 
 #include "ControllerSim.h"
+#include "SimScenario.h"
 
 #include <QElapsedTimer>
 #include <QProcess>
@@ -109,6 +110,8 @@ private slots:
     void everyWellFramedRequestGetsOneReply();
     void parseFault_data();
     void parseFault();
+    void scenario_data();
+    void scenario();
     void twoSimulatorsSideBySide();
     void commandLineProgram();
 
@@ -422,6 +425,15 @@ void tst_Sim::faultTimes()
     sim->setReplyState('d', 5, 1);
     QCOMPARE(peer.exchange(hex("00000000 0400 00 64 05 00")), hex("00000000 0400 00 64 05 01"));
     QCOMPARE(peer.exchange(hex("00000000 0400 00 64 04 00")), hex("00000000 0300 00 e4 04"));
+    // Queued faults take turns: two error replies, one silence, then normal.
+    sim->clearFaults();
+    sim->addFault('p', -1, ControllerSim::Fault::errorReply(2));
+    sim->addFault('p', -1, ControllerSim::Fault::silence(1));
+    QCOMPARE(peer.exchange(probe), hex("00000000 0300 00 f0 00"));
+    QCOMPARE(peer.exchange(probe), hex("00000000 0300 00 f0 00"));
+    peer.socket.write(probe);
+    QVERIFY(peer.readFor(200).isEmpty());
+    QCOMPARE(peer.exchange(probe), hex("00000000 0300 00 70 00"));
 }
 
 void tst_Sim::splitAndCloseAfter()
@@ -595,6 +607,35 @@ void tst_Sim::parseFault()
     QTEST(fault.times, "times");
 }
 
+void tst_Sim::scenario_data()
+{
+    QTest::addColumn<QString>("text");
+    QTest::addColumn<QString>("error");   // empty: accepted
+    QTest::addColumn<int>("var5");        // variable 1000005 afterwards
+
+    QTest::newRow("comments, blanks, hex value") << "# start\n\n  var 1000005=0x2a  # note\n" << "" << 42;
+    QTest::newRow("32-bit pattern reads back negative") << "var 1000005=0xFFFFFFFF" << "" << -1;
+    QTest::newRow("every setting kind") << "animate\ndnc-size 100\nprogram O1\nprogram-time 5\nrunning 2=O1\n"
+                                           "busy 2:3\nerror-file 1:history=a\\nb\nerror-file-stuck\n"
+                                           "fault d:2=state:3:3\nvar 1000005=1" << "" << 1;
+    QTest::newRow("unknown setting named with its line") << "var 1000005=1\nexplode" << "2: unknown setting \"explode\"" << 1;
+    QTest::newRow("bad fault") << "fault B=explode" << "1: bad fault \"B=explode\": expected LETTER[:SUB]=KIND[:ARG[:TIMES]]" << 0;
+    QTest::newRow("value beyond 32 bits") << "var 1000005=0x100000000" << "1: bad var \"1000005=0x100000000\": expected ADDR=VALUE, both numbers" << 0;
+    QTest::newRow("channel 0") << "running 0=O1" << "1: bad running \"0=O1\": expected CH=NAME, CH 1..99" << 0;
+    QTest::newRow("error file index 9") << "error-file 9=x" << "1: bad error-file \"9=x\": expected INDEX[:history]=TEXT, INDEX 0..8" << 0;
+}
+
+void tst_Sim::scenario()
+{
+    QFETCH(QString, text);
+    QFETCH(QString, error);
+    ControllerSim local(QStringLiteral("127.0.0.4"));
+    QString why;
+    QCOMPARE(SimScenario::applyText(local, text, &why), error.isEmpty());
+    QCOMPARE(why, error);
+    QTEST(local.variable(1000005), "var5");
+}
+
 void tst_Sim::twoSimulatorsSideBySide()
 {
     ControllerSim second(QStringLiteral("127.0.0.3"));
@@ -642,6 +683,13 @@ void tst_Sim::commandLineProgram()
         QCOMPARE(peer.exchange(hex("00000000 0600 00 64 03 4142 00")), hex("00000000 0400 00 64 03 03"));
         QCOMPARE(peer.exchange(hex("00000000 0700 00 66 04 01 4f31 00")), hex("00000000 0500 00 66 04 01 00"));
     }
+    // A second one on the same address says why it cannot listen.
+    QProcess second;
+    second.start(binary, {QStringLiteral("--address"), QStringLiteral("127.0.0.4")});
+    QVERIFY(second.waitForFinished(3000));
+    QCOMPARE(second.exitCode(), 1);
+    const QByteArray err = second.readAllStandardError();
+    QVERIFY2(err.startsWith("velmora-sim: cannot listen on 127.0.0.4:60000: ") && err.contains("in use"), err.constData());
     ::kill(pid_t(proc.processId()), SIGTERM);
     QVERIFY(proc.waitForFinished(3000));
     QCOMPARE(proc.exitStatus(), QProcess::NormalExit);
