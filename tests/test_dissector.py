@@ -88,7 +88,7 @@ def record(pcap):
                     got += chunk
     finally:
         sim.send_signal(signal.SIGTERM)
-        sim.wait(5)
+        sim.communicate(timeout=5)
         os.unlink(scenario)
 
 
