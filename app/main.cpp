@@ -8,7 +8,7 @@
 // lines reach the terminal only with --verbose.
 
 #include "ControllerSim.h"
-#include "Velmora.h"
+#include "VelmoraWindow.h"
 
 #include <QApplication>
 #include <QComboBox>

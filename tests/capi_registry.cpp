@@ -3,6 +3,7 @@
 // or Python host, this program never creates a QCoreApplication, and the
 // calls run on plain OS threads; the simulators are separate processes.
 #include "velmora.h"
+#include "velmora_prefixed.h"
 
 #include "SimProcess.h"
 #include "TestSupport.h"
@@ -13,7 +14,6 @@
 #include <QtTest>
 
 #include <atomic>
-#include <dlfcn.h>
 #include <cstring>
 #include <mutex>
 #include <string>
@@ -23,20 +23,10 @@ namespace {
 
 std::string host(int n) { return "127.0.0.3" + std::to_string(n); }
 
-// The library's `connect`, asked for by its version node. A sanitizer
-// runtime defines an unversioned `connect` of its own (the socket call),
-// which would otherwise take a plain call in the ThreadSanitizer build.
-bool velmoraConnect(int cncID)
-{
-    typedef bool (*ConnectFn)(int);
-    static const ConnectFn fn = reinterpret_cast<ConnectFn>(dlvsym(RTLD_DEFAULT, "connect", "VELMORA_1.0"));
-    return fn && fn(cncID);
-}
-
 // The simulator process needs a moment before it listens.
 bool connectRetrying(int cncID)
 {
-    return waitFor([&] { return velmoraConnect(cncID); });
+    return waitFor([&] { return velmora_connect(cncID); });
 }
 
 // The debug stream while a test looks at it.
@@ -91,13 +81,40 @@ private slots:
         QCOMPARE(removeBits(1, 0, &a, 1, 77), 1L);
         QCOMPARE(CheckTcpWdt(77), 1L);
         QCOMPARE(getErrorDeb(1, 77), 1L);
-        QVERIFY(!velmoraConnect(77));
+        QVERIFY(!velmora_connect(77));
         QVERIFY(!::disconnect(77));
         QVERIFY(!getTcpConnectFlag(77));
         QVERIFY(!setErrCallbackFunc(&recordError, 77));
         QVERIFY(!removeTargetCnc(77));
         QVERIFY(getCncCurrentError(0, 77) == nullptr);
         QVERIFY(getRuningPrg(1, 77) == nullptr);
+    }
+
+    void statusTexts_data()
+    {
+        QTest::addColumn<long>("status");
+        QTest::addColumn<QByteArray>("text");
+        const QByteArray unknown("Unknown status code");
+        QTest::newRow("0 -> success") << 0L << QByteArray("Success");
+        QTest::newRow("1 -> parameter error") << 1L << QByteArray("Parameter error or unknown controller");
+        QTest::newRow("3 -> error reply") << 3L << QByteArray("The controller answered with an error reply");
+        QTest::newRow("4 -> queue full")
+            << 4L << QByteArray("The command queue is full (for overwrite: the DNC memory is full)");
+        QTest::newRow("6 -> wrong mode") << 6L << QByteArray("Wrong client mode for this call");
+        QTest::newRow("7 -> not connected") << 7L << QByteArray("Not connected");
+        QTest::newRow("100 -> alarm") << 100L << QByteArray("Controller execution alarm");
+        QTest::newRow("111 -> no reply") << 111L << QByteArray("No reply within the reply time-out");
+        QTest::newRow("112 -> no oscilloscope points") << 112L << QByteArray("No oscilloscope points");
+        QTest::newRow("2, never returned -> unknown") << 2L << unknown;
+        QTest::newRow("-1 -> unknown") << -1L << unknown;
+        if (sizeof(long) > 4)   // a 64-bit long is not cut to 32 bits on the way
+            QTest::newRow("111 + 2^32 -> unknown, not 111") << long(111 + (1LL << 32)) << unknown;
+    }
+    void statusTexts()
+    {
+        QFETCH(long, status);
+        QFETCH(QByteArray, text);
+        QCOMPARE(QByteArray(velmoraStatusText(status)), text);
     }
 
     void registryAndConnections()
@@ -116,14 +133,14 @@ private slots:
         QVERIFY(::disconnect(1));
         QCOMPARE(CheckTcpWdt(1), 7L);
         QCOMPARE(getTransFileState(1, 1, name, 1), 7L);
-        QVERIFY(velmoraConnect(1));
+        QVERIFY(velmora_connect(1));
         QCOMPARE(CheckTcpWdt(1), 0L);
         QVERIFY(removeTargetCnc(1));
         QVERIFY(!removeTargetCnc(1));
         QCOMPARE(CheckTcpWdt(1), 1L);
 
         QVERIFY(addTargetCnc(2, 3, &ip[0], 0));
-        QVERIFY(velmoraConnect(2));
+        QVERIFY(velmora_connect(2));
         QCOMPARE(getTransFileState(1, 3, name, 2), 0L);
         QCOMPARE(getTransFileState(1, 4, name, 2), 1L);
         QVERIFY(removeTargetCnc(2));
@@ -135,7 +152,7 @@ private slots:
         QVERIFY(removeTargetCnc(3));
 
         QVERIFY(addTargetCnc(3, 1, nullptr, 0));   // stored as an empty address
-        QVERIFY(!velmoraConnect(3));
+        QVERIFY(!velmora_connect(3));
         QVERIFY(removeTargetCnc(3));
     }
 
@@ -145,10 +162,10 @@ private slots:
         g_lines.clear();
         qInstallMessageHandler(&captureLine);
         addTargetCnc(20, 2, &ip[0], 0);
-        velmoraConnect(20);
+        velmora_connect(20);
         ::disconnect(20);
         removeTargetCnc(20);
-        velmoraConnect(99);
+        velmora_connect(99);
         ::disconnect(99);
         qInstallMessageHandler(nullptr);
         const QString marker = QStringLiteral("@@@@####1111");

@@ -1,7 +1,7 @@
 #include "ControllerSim.h"
 #include "DisplayTestHome.h"
 #include "UiSeam.h"
-#include "Velmora.h"
+#include "VelmoraWindow.h"
 #include "setPar.h"
 #include "splitForm.h"
 

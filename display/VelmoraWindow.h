@@ -1,5 +1,8 @@
-#ifndef VELMORA_H
-#define VELMORA_H
+// Velmora: the exported main window, for hosts built with Qt 5 Widgets.
+// It shares nothing with the C interface but velmora_global.h, so both
+// public headers go into one translation unit.
+#ifndef VELMORA_WINDOW_H
+#define VELMORA_WINDOW_H
 
 #include "velmora_global.h"
 

@@ -1,4 +1,4 @@
-#include "Velmora.h"
+#include "VelmoraWindow.h"
 
 #include "UiSeam.h"
 #include "setPar.h"

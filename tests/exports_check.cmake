@@ -1,0 +1,33 @@
+# Checks the C functions the shared library exports: every one has its
+# velmora_<name> twin of velmora_prefixed.h, and (given DEF) the Windows
+# export list names exactly these functions.
+#   cmake -DNM=nm -DLIBRARY=libVelmora.so [-DDEF=velmora.def] -P exports_check.cmake
+execute_process(COMMAND ${NM} -D --defined-only ${LIBRARY}
+                OUTPUT_VARIABLE table RESULT_VARIABLE result)
+if(NOT result EQUAL 0)
+  message(FATAL_ERROR "${NM} failed on ${LIBRARY}")
+endif()
+string(REGEX MATCHALL "[0-9a-f]+ T [A-Za-z][A-Za-z0-9_]*" rows "${table}")
+set(plain)
+set(prefixed)
+foreach(row IN LISTS rows)
+  string(REGEX REPLACE ".* T " "" name "${row}")
+  if(name MATCHES "^velmora_")
+    string(REGEX REPLACE "^velmora_" "" name "${name}")
+    list(APPEND prefixed ${name})
+  elseif(NOT name MATCHES "^velmora")
+    list(APPEND plain ${name})
+  endif()
+endforeach()
+list(LENGTH plain count)
+if(count LESS 30)
+  message(FATAL_ERROR "only ${count} C functions found in ${LIBRARY}: ${plain}")
+endif()
+set(missing ${plain})
+list(REMOVE_ITEM missing ${prefixed})
+set(orphans ${prefixed})
+list(REMOVE_ITEM orphans ${plain})
+if(missing OR orphans)
+  message(FATAL_ERROR "without a velmora_ twin: ${missing}; twin of nothing: ${orphans}")
+endif()
+message(STATUS "${count} C functions, each with its velmora_ twin")
