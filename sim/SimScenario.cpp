@@ -134,10 +134,13 @@ bool SimScenario::applyText(ControllerSim &sim, const QString &text, QString *er
     const QStringList lines = text.split(QLatin1Char('\n'));
     for (int i = 0; i < lines.size(); ++i) {
         QString line = lines[i];
-        const int hash = line.indexOf(QLatin1Char('#'));
-        // A '#' inside a value (an error-file text) is kept when escaped.
-        if (hash >= 0 && (hash == 0 || line[hash - 1] != QLatin1Char('\\')))
-            line.truncate(hash);
+        // A '#' starts a comment unless escaped ("\\#" inside an error-file text).
+        for (int hash = line.indexOf(QLatin1Char('#')); hash >= 0; hash = line.indexOf(QLatin1Char('#'), hash + 1)) {
+            if (hash == 0 || line[hash - 1] != QLatin1Char('\\')) {
+                line.truncate(hash);
+                break;
+            }
+        }
         line = line.trimmed();
         if (line.isEmpty())
             continue;

@@ -120,7 +120,9 @@ class PythonModuleTest(unittest.TestCase):
             self.assertEqual(c.read(["usr5"]), [0])   # other calls are not affected
             c.recover()
             self.assertEqual(c.locked_channels, {})
-            c.upload(1, "O7", PROGRAM)
+            progress = []
+            c.upload(1, "O7", PROGRAM, progress=lambda sent, total: progress.append((sent, total)))
+            self.assertEqual(progress, [(399, len(PROGRAM)), (798, len(PROGRAM)), (len(PROGRAM), len(PROGRAM))])
 
     def test_remote_buffer_writer(self):
         self.sim("")
