@@ -140,7 +140,8 @@ def _declare(lib):
 def status_text(status):
     """The words for a status code."""
     lib = _lib
-    if lib is not None and hasattr(lib, "velmoraStatusText"):
+    # 8 is the error file's own digit, not a status of the C functions.
+    if lib is not None and hasattr(lib, "velmoraStatusText") and status != ERROR_FILE_NOT_WRITTEN:
         text = lib.velmoraStatusText(status)
         if text:
             return text.decode("utf-8", "replace")

@@ -68,22 +68,13 @@ const char *const usageText =
     "connected, 8 error file not written in time, 100 controller alarm,\n"
     "111 no reply).\n";
 
-// Words for a status code, as the messages give them.
-const char *statusWords(long status)
+// Words for a status code: the library's own, and for the error file's
+// digit 8, which is no status of a C function, the tool's.
+std::string statusWords(long status)
 {
-    switch (status) {
-    case 0: return "success";
-    case 1: return "parameter error or unknown controller";
-    case 3: return "the controller answered with an error reply";
-    case 4: return "the request queue or the controller's DNC memory is full";
-    case 6: return "wrong client mode";
-    case 7: return "not connected to the controller";
-    case 8: return "the controller did not write the error file in time";
-    case 100: return "the controller reports an execution alarm";
-    case 111: return "no reply within the reply time-out";
-    case 112: return "no oscilloscope points";
-    default: return "unknown status";
-    }
+    if (status == 8)
+        return "The controller did not write the error file in time";
+    return velmoraStatusText(status);
 }
 
 struct BadArgument {
