@@ -2,6 +2,7 @@
 #define CONTROLLERENTRY_H
 
 #include "AsynchronousClient.h"
+#include "ThreadTexts.h"
 
 #include <QByteArray>
 #include <QList>
@@ -28,8 +29,9 @@ public:
     const QByteArray &address() const { return m_address; }
     void setAddress(const QByteArray &address) { m_address = address; }
 
-    // Text returned by getRuningPrg; valid until its next call.
-    QByteArray &runningProgram() { return m_runningProgram; }
+    // Texts returned by getRuningPrg: each host thread's stays valid until
+    // that thread asks again for this controller.
+    ThreadTexts &runningProgramTexts() { return m_runningProgram; }
 
 private:
     Q_DISABLE_COPY(ControllerEntry)
@@ -39,7 +41,7 @@ private:
     QList<AsynchronousClient *> m_channelClients;
     int m_channelCount = 1;
     QByteArray m_address;
-    QByteArray m_runningProgram;
+    ThreadTexts m_runningProgram;
 };
 
 #endif

@@ -14,7 +14,7 @@
 //   if (!entry) return 1;                 // unknown controller
 //   entry->mainClient()->reset(channel);
 //   entry->channelClient(channel)         // null outside 1..channelCount()
-//   entry->programClient(), entry->runningProgram()
+//   entry->programClient(), entry->runningProgramTexts()
 class ControllerRegistry
 {
 public:

@@ -4,43 +4,59 @@
 #include "HRemoteBuffer.h"
 #include "velmora.h"
 
+#include "CGuard.h"
+
 extern "C" {
 
 void *bufOpen(char *address, unsigned mode, unsigned channel)
 {
-    return HRemoteBuffer::open(address, mode, channel);
+    return guarded<void *>(nullptr, [&]() -> void * {
+        return HRemoteBuffer::open(address, mode, channel);
+    });
 }
 
 int bufWrite(void *h, char *text)
 {
-    return HRemoteBuffer::withHandle(h, 0, [text](HRemoteBuffer *b) { return b->write(text); });
+    return guarded<int>(0, [&]() -> int {
+        return HRemoteBuffer::withHandle(h, 0, [text](HRemoteBuffer *b) { return b->write(text); });
+    });
 }
 
 int bufClear(void *h)
 {
-    return HRemoteBuffer::withHandle(h, 0, [](HRemoteBuffer *b) { return b->clear(); });
+    return guarded<int>(0, [&]() -> int {
+        return HRemoteBuffer::withHandle(h, 0, [](HRemoteBuffer *b) { return b->clear(); });
+    });
 }
 
 int bufClose(void *h)
 {
-    return HRemoteBuffer::close(h);
+    return guarded<int>(0, [&]() -> int {
+        return HRemoteBuffer::close(h);
+    });
 }
 
 int getBufValidCnt(void *h)
 {
-    return HRemoteBuffer::withHandle(h, 0, [](HRemoteBuffer *b) { return b->validCount(); });
+    return guarded<int>(0, [&]() -> int {
+        return HRemoteBuffer::withHandle(h, 0, [](HRemoteBuffer *b) { return b->validCount(); });
+    });
 }
 
 int getBufState(void *h)
 {
-    return HRemoteBuffer::withHandle(h, int(HRemoteBuffer::StateError),
-                                     [](HRemoteBuffer *b) { return b->state(); });
+    return guarded<int>(int(HRemoteBuffer::StateError), [&]() -> int {
+        return HRemoteBuffer::withHandle(h, int(HRemoteBuffer::StateError),
+                                         [](HRemoteBuffer *b) { return b->state(); });
+    });
 }
 
 char *getBufStateInf(void *h)
 {
-    return HRemoteBuffer::withHandle(h, static_cast<char *>(nullptr),
-                                     [](HRemoteBuffer *b) { return b->stateInfo(); });
+    return guarded<char *>(nullptr, [&]() -> char * {
+        return HRemoteBuffer::withHandle(h, static_cast<char *>(nullptr),
+                                         [](HRemoteBuffer *b) { return b->stateInfo(); });
+    });
 }
 
 } // extern "C"

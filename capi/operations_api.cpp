@@ -3,6 +3,9 @@
 // arguments and result.
 #include "velmora.h"
 
+#include "CGuard.h"
+
+#include "CommLog.h"
 #include "ControllerRegistry.h"
 
 #include <QDebug>
@@ -12,9 +15,10 @@ namespace {
 
 const long int kUnknownController = 1;
 
+// Host texts in log lines: control bytes escaped.
 QString text(const char *s)
 {
-    return s ? QString::fromUtf8(s) : QString();
+    return CommLog::hostText(s);
 }
 
 AsynchronousClient *mainClientOf(int cncID)
@@ -55,77 +59,97 @@ extern "C" {
 
 long int reset(long int channel, int cncID)
 {
-    AsynchronousClient *client = mainClientOf(cncID);
-    const long int out = client ? client->reset(channel) : kUnknownController;
-    qDebug().noquote() << "long int reset(long int, int)" << " channel=" << channel << " cncID=" << cncID
-                       << " out=" << out;
-    return out;
+    return guarded<long int>(1, [&]() -> long int {
+        AsynchronousClient *client = mainClientOf(cncID);
+        const long int out = client ? client->reset(channel) : kUnknownController;
+        qDebug().noquote() << "long int reset(long int, int)" << " channel=" << channel << " cncID=" << cncID
+                           << " out=" << out;
+        return out;
+    });
 }
 
 long int cycStart(long int channel, char *fileName, int cncID)
 {
-    AsynchronousClient *client = mainClientOf(cncID);
-    const long int out = client ? client->cycStart(channel, fileName) : kUnknownController;
-    qDebug().noquote() << "long int cycStart(long int, char*, int)" << " channel=" << channel << " cncID=" << cncID
-                       << " fileName=" << text(fileName) << " out=" << out;
-    return out;
+    return guarded<long int>(1, [&]() -> long int {
+        AsynchronousClient *client = mainClientOf(cncID);
+        const long int out = client ? client->cycStart(channel, fileName) : kUnknownController;
+        qDebug().noquote() << "long int cycStart(long int, char*, int)" << " channel=" << channel << " cncID=" << cncID
+                           << " fileName=" << text(fileName) << " out=" << out;
+        return out;
+    });
 }
 
 char *getRuningPrg(int channel, int cncID)
 {
-    ControllerEntry *entry = ControllerRegistry::find(cncID);
-    if (!entry)
-        return nullptr;
-    // Kept in the entry so the pointer outlives this call.
-    entry->runningProgram() = entry->programClient()->getRuningPrg(channel);
-    return entry->runningProgram().data();
+    return guarded<char *>(nullptr, [&]() -> char * {
+        ControllerEntry *entry = ControllerRegistry::find(cncID);
+        if (!entry)
+            return nullptr;
+        // Kept in the entry, per calling thread, so the pointer outlives
+        // this call whatever other threads ask meanwhile.
+        return entry->runningProgramTexts().store(entry->programClient()->getRuningPrg(channel));
+    });
 }
 
 long int setTransFileType(long int type, long int channel, char *fileName, int cncID)
 {
-    return fileInfo("long int setTransFileType(long int, long int, char*, int)", type, channel, fileName, cncID,
-                    false);
+    return guarded<long int>(1, [&]() -> long int {
+        return fileInfo("long int setTransFileType(long int, long int, char*, int)", type, channel, fileName, cncID,
+                        false);
+    });
 }
 
 long int getTransFileState(long int type, long int channel, char *fileName, int cncID)
 {
-    return fileInfo("long int getTransFileState(long int, long int, char*, int)", type, channel, fileName, cncID,
-                    true);
+    return guarded<long int>(1, [&]() -> long int {
+        return fileInfo("long int getTransFileState(long int, long int, char*, int)", type, channel, fileName, cncID,
+                        true);
+    });
 }
 
 long int overwrite(char *txt, long int channel, int cncID)
 {
-    return textCall("long int overwrite(char*, long int, int)", txt, channel, cncID, &AsynchronousClient::overwrite);
+    return guarded<long int>(1, [&]() -> long int {
+        return textCall("long int overwrite(char*, long int, int)", txt, channel, cncID, &AsynchronousClient::overwrite);
+    });
 }
 
 long int append(char *txt, long int channel, int cncID)
 {
-    return textCall("long int append(char*, long int, int)", txt, channel, cncID, &AsynchronousClient::append);
+    return guarded<long int>(1, [&]() -> long int {
+        return textCall("long int append(char*, long int, int)", txt, channel, cncID, &AsynchronousClient::append);
+    });
 }
 
 long int fileEnd(long int channel, int cncID)
 {
-    AsynchronousClient *client = channelClientOf(channel, cncID);
-    const long int out = client ? client->fileEnd() : kUnknownController;
-    qDebug().noquote() << "long int fileEnd(long int, int)" << " channel=" << channel << " cncID=" << cncID
-                       << " out=" << out;
-    return out;
+    return guarded<long int>(1, [&]() -> long int {
+        AsynchronousClient *client = channelClientOf(channel, cncID);
+        const long int out = client ? client->fileEnd() : kUnknownController;
+        qDebug().noquote() << "long int fileEnd(long int, int)" << " channel=" << channel << " cncID=" << cncID
+                           << " out=" << out;
+        return out;
+    });
 }
 
 long int uploadFile(long int type, long int channel, char *fileName, char *txt, int cncID)
 {
-    AsynchronousClient *client = channelClientOf(channel, cncID);
-    const long int out = client ? client->uploadFile(type, channel, fileName, txt) : kUnknownController;
-    qDebug().noquote() << "long int uploadFile(long int, long int, char*, char*, int)" << " channel=" << channel
-                       << " cncID=" << cncID << " fileName=" << text(fileName) << " type=" << type << " out=" << out
-                       << " txt=" << text(txt);
-    return out;
+    return guarded<long int>(1, [&]() -> long int {
+        AsynchronousClient *client = channelClientOf(channel, cncID);
+        const long int out = client ? client->uploadFile(type, channel, fileName, txt) : kUnknownController;
+        qDebug().noquote() << "long int uploadFile(long int, long int, char*, char*, int)" << " channel=" << channel
+                           << " cncID=" << cncID << " fileName=" << text(fileName) << " type=" << type << " out=" << out
+                           << " txt=" << text(txt);
+        return out;
+    });
 }
 
 char *getCncCurrentError(long int selector, int cncID)
 {
-    AsynchronousClient *client = mainClientOf(cncID);
-    return client ? client->getCncCurrentError(selector) : nullptr;
+    return guarded<char *>(nullptr, [&]() -> char * {
+        AsynchronousClient *client = mainClientOf(cncID);
+        return client ? client->getCncCurrentError(selector) : nullptr;
+    });
 }
 
 } // extern "C"

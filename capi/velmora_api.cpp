@@ -1,6 +1,8 @@
 // C entry points of the registry, the link, variables, bits and the log switch.
 #include "velmora.h"
 
+#include "CGuard.h"
+#include "CommLog.h"
 #include "ControllerRegistry.h"
 
 #include <QDebug>
@@ -21,142 +23,174 @@ extern "C" {
 
 bool addTargetCnc(int cncID, int maxDncCh, char *ip, int syncMask)
 {
-    const QByteArray address = ip ? QByteArray(ip) : QByteArray();
-    qDebug().noquote() << kCallMarker << "bool addTargetCnc(int, int, char*, int)" << " cncID=" << cncID
-                       << " maxDncCh=" << maxDncCh << " ip=" << QString::fromLatin1(address);
-    const bool added = ControllerRegistry::add(cncID, maxDncCh, address, syncMask);
-    qDebug().noquote() << kCallMarker << "bool addTargetCnc(int, int, char*, int)" << " cncID=" << cncID
-                       << " out=" << added;
-    return added;
+    return guarded<bool>(false, [&]() -> bool {
+        const QByteArray address = ip ? QByteArray(ip) : QByteArray();
+        qDebug().noquote() << kCallMarker << "bool addTargetCnc(int, int, char*, int)" << " cncID=" << cncID
+                           << " maxDncCh=" << maxDncCh << " ip=" << CommLog::hostText(address.constData());
+        const bool added = ControllerRegistry::add(cncID, maxDncCh, address, syncMask);
+        qDebug().noquote() << kCallMarker << "bool addTargetCnc(int, int, char*, int)" << " cncID=" << cncID
+                           << " out=" << added;
+        return added;
+    });
 }
 
 bool removeTargetCnc(int cncID)
 {
-    qDebug().noquote() << kCallMarker << "bool removeTargetCnc(int)" << " cncID=" << cncID;
-    const bool removed = ControllerRegistry::remove(cncID);
-    qDebug().noquote() << kCallMarker << "bool removeTargetCnc(int)" << " cncID=" << cncID << " out=" << removed;
-    return removed;
+    return guarded<bool>(false, [&]() -> bool {
+        qDebug().noquote() << kCallMarker << "bool removeTargetCnc(int)" << " cncID=" << cncID;
+        const bool removed = ControllerRegistry::remove(cncID);
+        qDebug().noquote() << kCallMarker << "bool removeTargetCnc(int)" << " cncID=" << cncID << " out=" << removed;
+        return removed;
+    });
 }
 
 bool connect(int cncID)
 {
-    qDebug().noquote() << kCallMarker << "bool connect(int)" << " cncID=" << cncID;
-    ControllerEntry *entry = ControllerRegistry::find(cncID);
-    const bool connected = entry && entry->mainClient()->tcpConnect(entry->address());
-    if (connected) {
-        entry->programClient()->tcpConnect(entry->address());
-        for (int i = 1; i <= entry->channelCount(); ++i)
-            entry->channelClient(i)->tcpConnect(entry->address());
-    }
-    qDebug().noquote() << kCallMarker << "bool connect(int)" << " cncID=" << cncID << " out=" << connected;
-    return connected;
+    return guarded<bool>(false, [&]() -> bool {
+        qDebug().noquote() << kCallMarker << "bool connect(int)" << " cncID=" << cncID;
+        ControllerEntry *entry = ControllerRegistry::find(cncID);
+        const bool connected = entry && entry->mainClient()->tcpConnect(entry->address());
+        if (connected) {
+            entry->programClient()->tcpConnect(entry->address());
+            for (int i = 1; i <= entry->channelCount(); ++i)
+                entry->channelClient(i)->tcpConnect(entry->address());
+        }
+        qDebug().noquote() << kCallMarker << "bool connect(int)" << " cncID=" << cncID << " out=" << connected;
+        return connected;
+    });
 }
 
 bool disconnect(int cncID)
 {
-    qDebug().noquote() << kCallMarker << "bool disconnect(int)" << " cncID=" << cncID;
-    ControllerEntry *entry = ControllerRegistry::find(cncID);
-    if (entry) {
-        entry->mainClient()->tcpDisconnect();
-        for (int i = 1; i <= entry->channelCount(); ++i)
-            entry->channelClient(i)->tcpDisconnect();
-    }
-    qDebug().noquote() << kCallMarker << "bool disconnect(int)" << " cncID=" << cncID << " out=" << (entry != nullptr);
-    return entry != nullptr;
+    return guarded<bool>(false, [&]() -> bool {
+        qDebug().noquote() << kCallMarker << "bool disconnect(int)" << " cncID=" << cncID;
+        ControllerEntry *entry = ControllerRegistry::find(cncID);
+        if (entry) {
+            entry->mainClient()->tcpDisconnect();
+            for (int i = 1; i <= entry->channelCount(); ++i)
+                entry->channelClient(i)->tcpDisconnect();
+        }
+        qDebug().noquote() << kCallMarker << "bool disconnect(int)" << " cncID=" << cncID << " out=" << (entry != nullptr);
+        return entry != nullptr;
+    });
 }
 
 bool getTcpConnectFlag(int cncID)
 {
-    AsynchronousClient *client = mainClientOf(cncID);
-    if (!client)
-        return false;
-    long int address = 1020300;
-    long int value = 0;
-    const long int status = client->readVars(&address, 1, &value);
-    return status != AsynchronousClient::StatusDisconnected && status != AsynchronousClient::StatusNoReply;
+    return guarded<bool>(false, [&]() -> bool {
+        AsynchronousClient *client = mainClientOf(cncID);
+        if (!client)
+            return false;
+        long int address = 1020300;
+        long int value = 0;
+        const long int status = client->readVars(&address, 1, &value);
+        return status != AsynchronousClient::StatusDisconnected && status != AsynchronousClient::StatusNoReply;
+    });
 }
 
 bool setErrCallbackFunc(VelmoraErrorCallback callback, int cncID)
 {
-    ControllerEntry *entry = ControllerRegistry::find(cncID);
-    if (!entry)
-        return false;
-    entry->mainClient()->setErrCallbackFunc(callback);
-    for (int i = 1; i <= entry->channelCount(); ++i)
-        entry->channelClient(i)->setErrCallbackFunc(callback);
-    return true;
+    return guarded<bool>(false, [&]() -> bool {
+        ControllerEntry *entry = ControllerRegistry::find(cncID);
+        if (!entry)
+            return false;
+        entry->mainClient()->setErrCallbackFunc(callback);
+        for (int i = 1; i <= entry->channelCount(); ++i)
+            entry->channelClient(i)->setErrCallbackFunc(callback);
+        return true;
+    });
 }
 
 long int getErrorDeb(int mask, int cncID)
 {
-    AsynchronousClient *client = mainClientOf(cncID);
-    if (!client)
-        return 1;
-    client->setDebugMask(mask);
-    return 0;
+    return guarded<long int>(1, [&]() -> long int {
+        AsynchronousClient *client = mainClientOf(cncID);
+        if (!client)
+            return 1;
+        client->setDebugMask(mask);
+        return 0;
+    });
 }
 
 long int CheckTcpWdt(int cncID)
 {
-    AsynchronousClient *client = mainClientOf(cncID);
-    return client ? client->CheckTcpWdt() : 1;
+    return guarded<long int>(1, [&]() -> long int {
+        AsynchronousClient *client = mainClientOf(cncID);
+        return client ? client->CheckTcpWdt() : 1;
+    });
 }
 
 long int readVars(long int *addresses, int count, long int *values, int cncID)
 {
-    AsynchronousClient *client = mainClientOf(cncID);
-    return client ? client->readVars(addresses, count, values) : 1;
+    return guarded<long int>(1, [&]() -> long int {
+        AsynchronousClient *client = mainClientOf(cncID);
+        return client ? client->readVars(addresses, count, values) : 1;
+    });
 }
 
 long int writeVars(long int *addresses, int count, long int *values, int cncID)
 {
-    AsynchronousClient *client = mainClientOf(cncID);
-    return client ? client->writeVars(addresses, count, values) : 1;
+    return guarded<long int>(1, [&]() -> long int {
+        AsynchronousClient *client = mainClientOf(cncID);
+        return client ? client->writeVars(addresses, count, values) : 1;
+    });
 }
 
 long int registerVars(long int *addresses, int count, int cncID)
 {
-    AsynchronousClient *client = mainClientOf(cncID);
-    if (!client)
-        return 1;
-    client->registerVars(addresses, count);
-    return 0;
+    return guarded<long int>(1, [&]() -> long int {
+        AsynchronousClient *client = mainClientOf(cncID);
+        if (!client)
+            return 1;
+        client->registerVars(addresses, count);
+        return 0;
+    });
 }
 
 long int removeVars(long int *addresses, int count, int cncID)
 {
-    AsynchronousClient *client = mainClientOf(cncID);
-    if (!client)
-        return 1;
-    client->removeVars(addresses, count);
-    return 0;
+    return guarded<long int>(1, [&]() -> long int {
+        AsynchronousClient *client = mainClientOf(cncID);
+        if (!client)
+            return 1;
+        client->removeVars(addresses, count);
+        return 0;
+    });
 }
 
 long int clearVars(int cncID)
 {
-    AsynchronousClient *client = mainClientOf(cncID);
-    if (!client)
-        return 1;
-    client->clearVars();
-    return 0;
+    return guarded<long int>(1, [&]() -> long int {
+        AsynchronousClient *client = mainClientOf(cncID);
+        if (!client)
+            return 1;
+        client->clearVars();
+        return 0;
+    });
 }
 
 long int readBits(long int channel, int bitType, long int *addresses, int count, long int *values, int cncID)
 {
-    AsynchronousClient *client = mainClientOf(cncID);
-    return client ? client->readBits(channel, AsynchronousClient::BitType(bitType), addresses, count, values) : 1;
+    return guarded<long int>(1, [&]() -> long int {
+        AsynchronousClient *client = mainClientOf(cncID);
+        return client ? client->readBits(channel, AsynchronousClient::BitType(bitType), addresses, count, values) : 1;
+    });
 }
 
 long int registerBits(long int channel, int bitType, long int *addresses, int count, int cncID)
 {
-    AsynchronousClient *client = mainClientOf(cncID);
-    return client ? client->registerBits(channel, AsynchronousClient::BitType(bitType), addresses, count) : 1;
+    return guarded<long int>(1, [&]() -> long int {
+        AsynchronousClient *client = mainClientOf(cncID);
+        return client ? client->registerBits(channel, AsynchronousClient::BitType(bitType), addresses, count) : 1;
+    });
 }
 
 long int removeBits(long int channel, int bitType, long int *addresses, int count, int cncID)
 {
-    AsynchronousClient *client = mainClientOf(cncID);
-    return client ? client->removeBits(channel, AsynchronousClient::BitType(bitType), addresses, count) : 1;
+    return guarded<long int>(1, [&]() -> long int {
+        AsynchronousClient *client = mainClientOf(cncID);
+        return client ? client->removeBits(channel, AsynchronousClient::BitType(bitType), addresses, count) : 1;
+    });
 }
 
 } // extern "C"

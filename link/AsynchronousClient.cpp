@@ -1,15 +1,18 @@
 #include "AsynchronousClient.h"
 
 #include "CommLog.h"
+#include "TsanAnnotations.h"
 
 #include <QDebug>
 #include <QDir>
 #include <QHostAddress>
-#include <QMutexLocker>
+#include <QElapsedTimer>
 #include <QTcpSocket>
 #include <QVector>
 
 #include <cerrno>
+#include <chrono>
+#include <cstdint>
 #include <cstring>
 
 #ifdef Q_OS_WIN
@@ -41,6 +44,14 @@ bool validAddress(long int address)
 {
     return address >= 0 && address <= HProtocol_Client::kMaxAddress
         && HProtocol_Client::isValidAddress(qint32(address));
+}
+
+// A value goes out as one 32-bit word: signed values and unsigned bit
+// patterns up to 0xFFFFFFFF fit, anything larger (a 64-bit host long)
+// would be cut without a word.
+bool fitsWord(long int value)
+{
+    return qint64(value) >= qint64(INT32_MIN) && qint64(value) <= qint64(UINT32_MAX);
 }
 
 bool allValid(const long int *addresses, int count)
@@ -77,24 +88,31 @@ bool rawWait(NativeSocket fd, short events, int ms)
     return pollOne(&p, ms) > 0;   // hang-up and error count too: the read reports them
 }
 
-// Reads what has arrived without blocking; sets *closed at end of stream or
-// on an error.
-int rawReadAvailable(NativeSocket fd, QByteArray *into, bool *closed)
+// One read without blocking: the bytes read, 0 when none are there; sets
+// *closed at end of stream or on an error.
+int rawRead(NativeSocket fd, char *into, int size, bool *closed)
+{
+    const auto n = ::recv(fd, into, size, kRecvFlags);
+    if (n > 0)
+        return int(n);
+    if (n == 0 || !wouldBlock())
+        *closed = true;
+    return 0;
+}
+
+// Drops what has arrived, e.g. the rest of a reply given up on, but at most
+// `limit` bytes: a controller that streams cannot hold the caller here.
+int rawDiscard(NativeSocket fd, int limit, bool *closed)
 {
     char buffer[4096];
     int total = 0;
-    for (;;) {
-        const auto n = ::recv(fd, buffer, int(sizeof buffer), kRecvFlags);
-        if (n > 0) {
-            if (into)
-                into->append(buffer, int(n));
-            total += int(n);
-            continue;
-        }
-        if (n == 0 || !wouldBlock())
-            *closed = true;
-        return total;
+    while (total < limit && !*closed) {
+        const int n = rawRead(fd, buffer, int(sizeof buffer), closed);
+        if (n <= 0)
+            break;
+        total += n;
     }
+    return total;
 }
 
 bool rawWriteAll(NativeSocket fd, const QByteArray &data, int waitMs)
@@ -132,6 +150,7 @@ void AsynchronousClient::requestStop()
 {
     std::unique_lock<std::mutex> lock(m_dataMutex);
     m_quit = true;
+    m_interrupt.store(true);
     m_workCond.notify_all();
 }
 
@@ -141,6 +160,7 @@ AsynchronousClient::~AsynchronousClient()
     // The loop finishes its current exchange (at most the reply waits) and
     // closes the socket in its own thread.
     wait();
+    tsanAcquire(this);   // pairs with the end of run()
     std::unique_lock<std::mutex> lock(m_dataMutex);
 }
 
@@ -162,6 +182,8 @@ bool AsynchronousClient::runJob(Job job, const QByteArray &data)
     if (m_quit)
         return false;   // the socket thread is gone or going: nobody would take the job
     ensureStarted();
+    // Whatever exchange holds the socket gives it up within one wait slice.
+    m_interrupt.store(true);
     while (m_jobBusy)
         m_slotCond.wait(lock);
     m_jobBusy = true;
@@ -192,13 +214,21 @@ bool AsynchronousClient::threadModeActive() const
 
 void AsynchronousClient::run()
 {
+    // Declared first, so it runs last: the destructor's wait() sees all of it.
+    struct EndOfThread {
+        const AsynchronousClient *client;
+        ~EndOfThread() { tsanRelease(client); }
+    } endOfThread{ this };
     QTcpSocket socket;
     m_socket = &socket;
     std::unique_lock<std::mutex> lock(m_dataMutex);
+    // After a refused request the loop lets the controller rest until then.
+    std::chrono::steady_clock::time_point restUntil;
     for (;;) {
         if (m_job != NoJob) {
             const Job job = m_job;
             m_job = NoJob;
+            m_interrupt.store(false);
             const QByteArray data = m_jobData;
             lock.unlock();
             const bool result = performJob(job, data);
@@ -215,21 +245,37 @@ void AsynchronousClient::run()
             break;
         if (threadModeActive()) {
             if (m_connected.load() && socket.state() == QAbstractSocket::ConnectedState) {
+                if (std::chrono::steady_clock::now() < restUntil) {
+                    m_workCond.wait_until(lock, restUntil);
+                    continue;
+                }
                 const QByteArray frame = scheduleStep();
                 if (!frame.isEmpty()) {
                     lock.unlock();
-                    m_exchangeState.store(2);
-                    QByteArray reply;
-                    socketExchange(frame, &reply);
-                    handleReply(reply);
-                    m_exchangeState.store(1);
-                    updateLinkMirror();
+                    const auto sent = std::chrono::steady_clock::now();
+                    const bool good = threadExchange(socket.socketDescriptor(), frame);
                     lock.lock();
+                    // A controller that keeps refusing is asked at most
+                    // 1000 / kRepeatIntervalMs times a second.
+                    if (!good)
+                        restUntil = sent + std::chrono::milliseconds(kRepeatIntervalMs);
                     continue;
                 }
-            } else if (m_connected.load()) {
-                // The controller closed the link: stop polling a dead socket.
+            } else if (socket.state() != QAbstractSocket::UnconnectedState) {
+                // `connected` was cleared (disconnect, or the controller
+                // closed the link): close the socket here, in its thread.
                 m_connected.store(false);
+                lock.unlock();
+                if (debugDetails())
+                    qDebug() << "run" << " isConnected = " << "false";
+                socket.disconnectFromHost();
+                if (socket.state() != QAbstractSocket::UnconnectedState)
+                    socket.waitForDisconnected(kConnectWaitMs);
+                socket.abort();
+                updateLinkMirror();
+                m_interrupt.store(false);
+                lock.lock();
+                continue;
             }
         }
         m_workCond.wait(lock);
@@ -300,41 +346,92 @@ bool AsynchronousClient::performJob(Job job, const QByteArray &data)
     return false;
 }
 
-bool AsynchronousClient::socketExchange(const QByteArray &frame, QByteArray *reply)
+bool AsynchronousClient::threadExchange(qintptr fd, const QByteArray &frame)
 {
-    QTcpSocket &socket = *m_socket;
-    // Without an event loop, bytes that arrived late (the rest of a split
-    // reply) are still in the kernel: pull them in so they are discarded.
-    while (socket.waitForReadyRead(0))
-        socket.readAll();
-    socket.readAll();
-    socket.write(frame);
-    socket.flush();
-    const bool replied = myReadyRead();
-    *reply = socket.readAll();
-    return replied;
+    m_errorFlag.store(0);
+    clearReplyState();
+    m_exchangeState.store(2);
+    QByteArray reply;
+    bool closed = false;
+    const bool replied = wireExchange(fd, frame, &reply, &closed);
+    handleReply(reply);
+    m_exchangeState.store(1);
+    if (closed) {
+        markClosed();
+        m_connected.store(false);
+    }
+    return replied && !m_errorFlag.load();
 }
 
-bool AsynchronousClient::myReadyRead()
+bool AsynchronousClient::wireExchange(qintptr descriptor, const QByteArray &frame, QByteArray *reply, bool *closed)
 {
-    QTcpSocket &socket = *m_socket;
-    if (socket.bytesAvailable() > 0) {
-        if (debugErrors())
-            qDebug() << kReadyReadSig << "1 Error." << socket.bytesAvailable();
-        if (socket.bytesAvailable() > 0)
-            return true;
+    const NativeSocket fd = NativeSocket(descriptor);
+    const int stale = rawDiscard(fd, kDiscardLimit, closed);
+    if (stale > 0 && debugErrors())
+        qDebug() << kReadyReadSig << "1 Error." << stale;
+    if (*closed || !rawWriteAll(fd, frame, kReplyWaitMs)) {
+        *closed = true;
+        return false;
     }
-    for (int i = 0; i < kReplyWaits; ++i) {
-        socket.waitForReadyRead(kReplyWaitMs);
-        if (socket.bytesAvailable() > 0)
-            return true;
-        // A closed socket returns at once; waiting on it would only spin.
-        if (socket.state() != QAbstractSocket::ConnectedState)
+    // The reply budget runs from the send. Replies are cut out of the byte
+    // stream by their length field; one that does not answer this request is
+    // logged and dropped, and the wait goes on. Memory stays bounded: bytes
+    // beyond one reply's size are never kept.
+    QElapsedTimer clock;
+    clock.start();
+    const qint64 budget = qint64(kReplyWaits) * kReplyWaitMs;
+    QByteArray pending;
+    int skip = 0;   // the rest of a frame too long to be a reply
+    char chunk[kBufferSize];
+    while (!*closed && !m_interrupt.load()) {
+        const qint64 left = budget - clock.elapsed();
+        if (left <= 0)
             break;
+        // Short slices: a disconnect or stop must not wait for the budget.
+        if (!rawWait(fd, POLLIN, int(qMin<qint64>(left, kWaitSliceMs))))
+            continue;
+        const int n = rawRead(fd, chunk, int(sizeof chunk), closed);
+        const int skipped = qMin(skip, n);
+        skip -= skipped;
+        pending.append(chunk + skipped, n - skipped);
+        while (!pending.isEmpty()) {
+            const FrameCheck check = checkFrame(pending.constData(), pending.size());
+            if (check.kind == FramePartial)
+                break;
+            if (check.kind == FrameNone) {
+                if (debugErrors())
+                    qDebug() << "unknown command.";
+                pending.clear();
+                break;
+            }
+            if (check.kind == FrameTooLong) {
+                // Not parsed, as a reply of 500 bytes or more never is.
+                skip = qMax(0, check.size - pending.size());
+                pending.remove(0, qMin(check.size, pending.size()));
+                continue;
+            }
+            const QByteArray candidate = pending.left(check.size);
+            pending.remove(0, check.size);
+            if (replyMatches(frame, candidate)) {
+                *reply = candidate;
+                return true;
+            }
+            if (debugErrors()) {
+                const bool sameLetter = candidate.at(headerLength()) == frame.at(headerLength());
+                qDebug() << (sameLetter ? "parameters error." : "unknown command.");
+            }
+        }
     }
     if (debugErrors())
-        qDebug() << kReadyReadSig << "2 Error." << socket.bytesAvailable();
+        qDebug() << kReadyReadSig << "2 Error." << pending.size();
     return false;
+}
+
+void AsynchronousClient::markClosed()
+{
+    std::unique_lock<std::mutex> lock(m_dataMutex);
+    m_socketState = QAbstractSocket::UnconnectedState;
+    m_socketError = QStringLiteral("The remote host closed the connection");
 }
 
 void AsynchronousClient::updateLinkMirror()
@@ -357,6 +454,14 @@ int AsynchronousClient::handleReply(const QByteArray &reply)
     // Error replies to 'd' and 'f' reach no handler; the flag comes from here.
     if (result >= ParseReadError && result <= ParseProgramError)
         m_errorFlag.store(1);
+    // A reply too short for its handler: the letter alone says success for
+    // the commands whose replies carry nothing the client reads ('p', 'D',
+    // 'f'); for the others the answer is missing, which is no success.
+    if (result == ParseUnknown && reply.size() > headerLength()) {
+        const char letter = reply.at(headerLength());
+        if (letter != 'p' && letter != 'D' && letter != 'f')
+            m_errorFlag.store(1);
+    }
     return result;
 }
 
@@ -453,6 +558,18 @@ long int AsynchronousClient::tcpDisconnect()
 {
     if (!isSocketConnected())
         return 1;
+    if (!isDirectMode()) {
+        // Thread mode only clears `connected`: the loop leaves its reply
+        // wait within a slice and closes the socket in its own thread.
+        {
+            std::unique_lock<std::mutex> lock(m_dataMutex);
+            m_connected.store(false);
+            m_interrupt.store(true);
+            m_socketState = QAbstractSocket::ClosingState;
+        }
+        m_workCond.notify_all();
+        return 1;
+    }
     runJob(DisconnectJob, QByteArray());
     return 1;
 }
@@ -461,7 +578,9 @@ void AsynchronousClient::setSyncMode(int direct)
 {
     if (direct == m_direct.load())
         return;
-    tcpDisconnect();
+    // Closed here and now, before the mode changes under the loop.
+    if (isSocketConnected())
+        runJob(DisconnectJob, QByteArray());
     std::unique_lock<std::mutex> lock(m_dataMutex);
     m_direct.store(direct);
     m_stop.store(direct != 0);
@@ -544,7 +663,7 @@ bool AsynchronousClient::exchangeNext()
 
 bool AsynchronousClient::directExchange(const QByteArray &frame, QByteArray *reply)
 {
-    NativeSocket fd;
+    qintptr fd;
     {
         std::unique_lock<std::mutex> lock(m_dataMutex);
         while (m_jobBusy)
@@ -552,30 +671,17 @@ bool AsynchronousClient::directExchange(const QByteArray &frame, QByteArray *rep
         if (m_descriptor < 0 || m_socketState != QAbstractSocket::ConnectedState)
             return false;
         m_jobBusy = true;   // connect and disconnect wait until the descriptor is free
-        fd = NativeSocket(m_descriptor);
+        fd = m_descriptor;
     }
     bool closed = false;
-    rawReadAvailable(fd, nullptr, &closed);   // stale bytes, e.g. the rest of a split reply
-    bool replied = false;
-    if (!closed && rawWriteAll(fd, frame, kReplyWaitMs)) {
-        // Three waits, ending at the first byte: the reply is not reassembled.
-        for (int i = 0; i < kReplyWaits && !replied && !closed; ++i)
-            if (rawWait(fd, POLLIN, kReplyWaitMs))
-                replied = rawReadAvailable(fd, reply, &closed) > 0;
-        if (!replied && debugErrors())
-            qDebug() << kReadyReadSig << "2 Error." << 0;
-    } else {
-        closed = true;
-    }
+    const bool replied = wireExchange(fd, frame, reply, &closed);
     {
         std::unique_lock<std::mutex> lock(m_dataMutex);
         m_jobBusy = false;
-        if (closed) {
-            m_socketState = QAbstractSocket::UnconnectedState;
-            m_socketError = QStringLiteral("The remote host closed the connection");
-        }
     }
     m_slotCond.notify_one();
+    if (closed)
+        markClosed();
     return replied;
 }
 
@@ -583,6 +689,10 @@ bool AsynchronousClient::exchange()
 {
     if (m_outgoing.isEmpty())
         return false;
+    // Every status comes from this request's own reply.
+    m_errorFlag.store(0);
+    m_memoryFull.store(false);
+    clearReplyState();
     m_exchangeState.store(2);
     QByteArray reply;
     const bool replied = directExchange(m_outgoing, &reply);
@@ -603,7 +713,7 @@ long int AsynchronousClient::exchangeStatus(bool replied, long int queued) const
 
 long int AsynchronousClient::runOperation(const char *signature, const std::function<int()> &build)
 {
-    QMutexLocker lock(&m_mutex);
+    std::unique_lock<ClientLock> lock(m_mutex);
     if (linkDown(signature))
         return StatusDisconnected;
     const int length = build();
@@ -621,7 +731,7 @@ long int AsynchronousClient::runOperation(const char *signature, const std::func
 long int AsynchronousClient::CheckTcpWdt()
 {
     qDebug() << "CheckTcpWdt" << "IN FUNCTION";
-    QMutexLocker lock(&m_mutex);
+    std::unique_lock<ClientLock> lock(m_mutex);
     if (linkDown(kWatchdogSig))
         return StatusDisconnected;
     long int status = queueFrame(buildWatchdog());
@@ -719,7 +829,7 @@ long int AsynchronousClient::sendVarFrame(const QByteArray &frame, const QList<q
 long int AsynchronousClient::readVarsImpl(const char *signature, long int *addresses, int count,
                                           long int *values, bool singleFrame)
 {
-    QMutexLocker lock(&m_mutex);
+    std::unique_lock<ClientLock> lock(m_mutex);
     if (linkDown(signature))
         return StatusDisconnected;
     const int limit = maxRdVar();
@@ -774,17 +884,24 @@ long int AsynchronousClient::fileReadVars(long int *addresses, int count, long i
 long int AsynchronousClient::writeVarsImpl(const char *signature, long int *addresses, int count,
                                            long int *values, bool singleFrame)
 {
-    QMutexLocker lock(&m_mutex);
+    std::unique_lock<ClientLock> lock(m_mutex);
     if (linkDown(signature))
         return StatusDisconnected;
     const int limit = maxWrVar();
     if (!varArgumentsOk(signature, addresses, count, values, singleFrame ? limit : count))
         return StatusParError;
+    for (int i = 0; i < count; ++i) {
+        if (!fitsWord(values[i])) {
+            if (debugErrors())
+                qDebug() << signature << " ParError value=" << qint64(values[i]) << " count=" << count;
+            return StatusParError;
+        }
+    }
     QVector<qint32> wireAddresses(count);
     QVector<qint32> wireValues(count);
     for (int i = 0; i < count; ++i) {
         wireAddresses[i] = qint32(addresses[i]);
-        wireValues[i] = qint32(values[i]);
+        wireValues[i] = qint32(quint32(values[i]));
     }
     long int status = StatusOk;
     for (int done = 0; done < count;) {
@@ -832,7 +949,7 @@ void AsynchronousClient::registerVars(long int *addresses, int count)
 
 void AsynchronousClient::removeVars(long int *addresses, int count)
 {
-    QMutexLocker lock(&m_mutex);
+    std::unique_lock<ClientLock> lock(m_mutex);
     if (!addresses || count < 1)
         return;
     std::unique_lock<std::mutex> data(m_dataMutex);
@@ -843,7 +960,7 @@ void AsynchronousClient::removeVars(long int *addresses, int count)
 
 void AsynchronousClient::clearVars()
 {
-    QMutexLocker lock(&m_mutex);
+    std::unique_lock<ClientLock> lock(m_mutex);
     if (isDirectMode())
         return;
     std::unique_lock<std::mutex> data(m_dataMutex);
@@ -893,7 +1010,7 @@ long int AsynchronousClient::bitsCheck(const char *signature, long int channel, 
 long int AsynchronousClient::readBits(long int channel, BitType type, long int *bits, int count,
                                       long int *values)
 {
-    QMutexLocker lock(&m_mutex);
+    std::unique_lock<ClientLock> lock(m_mutex);
     if (linkDown(kReadBitsSig))
         return StatusDisconnected;
     if (bitsCheck(kReadBitsSig, channel, type, bits, count, values, true) != StatusOk)
@@ -926,7 +1043,7 @@ long int AsynchronousClient::readBits(long int channel, BitType type, long int *
 long int AsynchronousClient::changeBits(const char *signature, long int channel, int type, long int *bits,
                                         int count, bool add)
 {
-    QMutexLocker lock(&m_mutex);
+    std::unique_lock<ClientLock> lock(m_mutex);
     if (linkDown(signature))
         return StatusDisconnected;
     if (isDirectMode()) {

@@ -1,12 +1,13 @@
 #ifndef ASYNCHRONOUSCLIENT_H
 #define ASYNCHRONOUSCLIENT_H
 
+#include "ClientLock.h"
 #include "HProtocol_Client.h"
+#include "ThreadTexts.h"
 
 #include <QByteArray>
 #include <QList>
 #include <QMap>
-#include <QMutex>
 #include <QString>
 #include <QThread>
 
@@ -72,7 +73,10 @@ public:
         kConnectWaitMs = 500,
         kReplyWaitMs = 600,
         kReplyWaits = 3,
-        kPollSlice = 62
+        kPollSlice = 62,
+        kWaitSliceMs = 20,         // a reply wait notices a stop or disconnect this often
+        kDiscardLimit = 64 * 1024, // stale bytes dropped before a request, at most
+        kRepeatIntervalMs = 11     // between a refused request and the next: < 100 a second
     };
 
     explicit AsynchronousClient(QObject *parent = nullptr);
@@ -171,7 +175,7 @@ protected:
     QByteArray builtFrame(int length) const;
     bool debugErrors() const { return m_debugMask.load() & 1; }
     bool debugDetails() const { return m_debugMask.load() & 2; }
-    QMutex *clientMutex() { return &m_mutex; }
+    ClientLock *clientMutex() { return &m_mutex; }
     std::mutex *dataMutex() const { return &m_dataMutex; }
 
     // Reply handlers of the link itself.
@@ -183,7 +187,7 @@ protected:
     // Error-reply flag: set by reply handlers, turned into status 3.
     std::atomic<int> m_errorFlag{0};
     // The client lock, held by every operation from start to end.
-    QMutex m_mutex;
+    ClientLock m_mutex;
 
     // ---- Controller operations (implemented in ops/)
 public:
@@ -207,7 +211,8 @@ public:
     void setPayloadTxtSize(int size) { m_payloadTxtSize.store(size); }
 
     // Controller error files: a status digit followed by the file or the
-    // words of the failure. Owned by the client, valid until the next call.
+    // words of the failure. Owned by the client; each calling thread has its
+    // own copy, valid until that thread calls again.
     char *getCncCurrentError(long int selector);
 
     // Oscilloscope, held ready for later use (no C entry point).
@@ -249,7 +254,8 @@ protected:
     bool m_fileOpened = false;
     bool m_moreToRead = false;
     bool m_somethingRead = false;
-    QByteArray m_cncErrorText;
+    QByteArray m_cncErrorText;          // the text being built, under m_mutex
+    ThreadTexts m_errorTexts;           // what each host thread got
     mutable std::mutex m_opsMutex;     // a standard one: visible to ThreadSanitizer
     QMap<int, QByteArray> m_recTexts;   // 'g' replies by key
     QList<qint32> m_oscPoints;
@@ -279,9 +285,16 @@ private:
     void ensureStarted();
     // Socket thread side.
     bool performJob(Job job, const QByteArray &data);
-    bool socketExchange(const QByteArray &frame, QByteArray *reply);
+    // Thread mode: one exchange of the loop on the socket's descriptor;
+    // true for a good reply (not refused, not missing).
+    bool threadExchange(qintptr fd, const QByteArray &frame);
+    // Direct mode: the exchange on the descriptor, in the caller's thread.
     bool directExchange(const QByteArray &frame, QByteArray *reply);
-    bool myReadyRead();
+    // Both modes: sends the frame and waits for the reply that matches it
+    // within the reply budget; false without one. Sets *closed when the
+    // link went down.
+    bool wireExchange(qintptr fd, const QByteArray &frame, QByteArray *reply, bool *closed);
+    void markClosed();
     void updateLinkMirror();
     // Next frame of the thread loop (under m_dataMutex); empty when idle.
     QByteArray scheduleStep();
@@ -318,6 +331,8 @@ private:
     std::atomic<int> m_queueLimit{1};
     std::atomic<int> m_direct{1};
     std::atomic<bool> m_stop{true};
+    // Makes a reply wait give up: set by stop, connect, disconnect.
+    std::atomic<bool> m_interrupt{false};
     std::atomic<quint8> m_debugMask{0};
     bool m_currentRdAddressFlag = false;
     bool m_currentWrAddressFlag = false;

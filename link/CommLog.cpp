@@ -44,6 +44,27 @@ QString CommLog::filePath(const QDateTime &time)
         + time.toString(QStringLiteral("_yyyy-MM-dd-hh")) + QStringLiteral(".txt");
 }
 
+QString CommLog::hostText(const char *text)
+{
+    const QString in = text ? QString::fromUtf8(text) : QString();
+    QString out;
+    out.reserve(in.size());
+    for (const QChar c : in) {
+        const ushort u = c.unicode();
+        if (u == '\r')
+            out += QLatin1String("\\r");
+        else if (u == '\n')
+            out += QLatin1String("\\n");
+        else if (u == '\t')
+            out += QLatin1String("\\t");
+        else if (u < 0x20 || u == 0x7f || (u >= 0x80 && u < 0xa0) || u == 0x2028 || u == 0x2029)
+            out += QStringLiteral("\\x%1").arg(u, 2, 16, QLatin1Char('0'));
+        else
+            out += c;
+    }
+    return out;
+}
+
 QString CommLog::formatLine(const QDateTime &time, const QString &message)
 {
     return QStringLiteral("%1: %2").arg(time.toString(QStringLiteral("yyyy-MM-dd hh:mm:ss ddd")), message);

@@ -25,6 +25,10 @@ public:
     static QString filePath(const QDateTime &time);
     // "yyyy-MM-dd hh:mm:ss ddd: message" (without the line end).
     static QString formatLine(const QDateTime &time, const QString &message);
+    // A text from the host as it goes into a log line: control bytes are
+    // written as \r, \n, \t or \xNN, so no text can end a line or forge
+    // the next one. Null gives an empty text.
+    static QString hostText(const char *text);
     // Appends one line (with "\r\n") under the log lock; failures are silent.
     static void write(const QString &message);
 

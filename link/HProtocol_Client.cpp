@@ -3,6 +3,9 @@
 #include <QElapsedTimer>
 #include <QVector>
 
+#include <chrono>
+#include <thread>
+
 namespace {
 
 // Modbus CRC-16 (reflected 0xA001, start 0xFFFF) as the classic pair of
@@ -59,6 +62,7 @@ enum : quint8 {
 };
 
 const int kCrcLength = 2;
+const int kTcpHeaderLength = 7;
 const int kSendNextWaitMs = 50;
 
 // Sequential writer over the send buffer. It never writes past the buffer,
@@ -340,10 +344,11 @@ int HProtocol_Client::buildFileEnd()
 int HProtocol_Client::buildRequestSendNext()
 {
     const int len = buildSimple(LetterFile, 5);
+    // Polled, in short sleeps: the wait must not cost a CPU.
     QElapsedTimer timer;
     timer.start();
-    while (!timer.hasExpired(kSendNextWaitMs)) {
-    }
+    while (!timer.hasExpired(kSendNextWaitMs))
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     return len;
 }
 
@@ -713,6 +718,50 @@ int HProtocol_Client::parseOsc(const Pdu &pdu, qint32 *values)
         onRecCmdGetOscPoint(state, count > 0 ? values : nullptr, count);
     }
     return ParseOk;
+}
+
+// ---------------------------------------------------------------- framing
+
+HProtocol_Client::FrameCheck HProtocol_Client::checkFrame(const char *data, int size) const
+{
+    if (size <= 0)
+        return { FramePartial, 0 };
+    // Only TCP framing carries a length; otherwise what came is the reply.
+    if (m_linkMode != TcpMode || m_headerLength < kTcpHeaderLength)
+        return size < kBufferSize ? FrameCheck{ FrameComplete, size } : FrameCheck{ FrameTooLong, size };
+    // Bytes 0-3 and the unit are zero in every frame.
+    for (int i = 0; i < qMin(size, kTcpHeaderLength); ++i)
+        if ((i < 4 || i == 6) && data[i] != 0)
+            return { FrameNone, 0 };
+    if (size < 6)
+        return { FramePartial, 0 };
+    const quint8 first = quint8(data[4]);
+    const quint8 second = quint8(data[5]);
+    const int total = (m_bigEndian ? (first << 8 | second) : (second << 8 | first)) + 6;
+    if (total <= kTcpHeaderLength)
+        return { FrameNone, 0 };   // not even a letter
+    if (total >= kBufferSize)
+        return { FrameTooLong, total };
+    return { size < total ? FramePartial : FrameComplete, total };
+}
+
+bool HProtocol_Client::replyMatches(const QByteArray &request, const QByteArray &reply) const
+{
+    const int h = m_headerLength;
+    if (h < 0 || request.size() <= h || reply.size() <= h)
+        return false;
+    const quint8 asked = quint8(request.at(h));
+    const quint8 letter = quint8(reply.at(h));
+    if (letter == (asked | ErrorFlag))
+        return true;
+    if (letter != asked)
+        return false;
+    if (asked != LetterReadVars)
+        return true;
+    if (request.size() <= h + 1 || reply.size() <= h + 1)
+        return false;
+    const int count = quint8(request.at(h + 1));
+    return quint8(reply.at(h + 1)) == count && reply.size() - h - 2 >= 4 * count;
 }
 
 // ---------------------------------------------------------------- handlers

@@ -2,6 +2,7 @@
 #define HPROTOCOL_CLIENT_H
 
 #include <QtGlobal>
+#include <QByteArray>
 #include <QList>
 
 // Frame builders and reply parser of the controller protocol. The owner
@@ -67,6 +68,8 @@ public:
     bool bigEndian() const { return m_bigEndian; }
     void setBigEndian(bool on) { m_bigEndian = on; }
     int replyState() const { return m_replyState; }
+    // Before a request goes out: only its own reply may set the state.
+    void clearReplyState() { m_replyState = 0; }
 
     // ---- Builders: each writes a whole frame into the send buffer and
     // returns its length, or 0 when it refuses its arguments.
@@ -117,6 +120,25 @@ public:
     //   'p'  state at 1
     // A state byte that a reply needs but lacks makes it too short (5).
     int parse(int length);
+
+    // ---- Reply framing and matching. Replies are cut out of the received
+    // bytes by the length field of their header, so a reply split across
+    // segments is put together and two replies that came together are two.
+    enum FrameKind : int {
+        FrameComplete,   // a whole frame of `size` bytes
+        FramePartial,    // the start of a frame that can still be a reply
+        FrameTooLong,    // a frame of `size` bytes: more than any reply can be
+        FrameNone        // no frame header: bytes that are no reply at all
+    };
+    struct FrameCheck {
+        FrameKind kind;
+        int size;
+    };
+    FrameCheck checkFrame(const char *data, int size) const;
+    // A whole reply frame answers a request frame only with the request's
+    // letter or its error form (top bit set) and, for a good 'B' reply, the
+    // count that was asked for, with all its values.
+    bool replyMatches(const QByteArray &request, const QByteArray &reply) const;
 
     // ---- Callbacks (null at construction).
     ReadVarsCallback readVarsCallback = nullptr;       // 'B'

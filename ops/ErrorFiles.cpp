@@ -3,6 +3,7 @@
 #include "AsynchronousClient.h"
 
 #include <QDebug>
+#include <QElapsedTimer>
 #include <QThread>
 
 namespace {
@@ -16,6 +17,11 @@ const int kAlarmState = 100;
 const int kNoReadReply = 1000;
 // Bytes of a read reply around its piece: header, letter, sub, count.
 const int kReadReplyOverhead = 10;
+// Where a read stops however much the controller still sends; the status
+// digit of such a text is '5'.
+const int kErrorFileMaxBytes = 64 * 1024;
+const int kErrorFileMaxMs = 10000;
+const long int kErrorFileBoundDigit = 5;
 
 // Selector = 10 * channel index (0..8) + 0 current / 1 history.
 QByteArray errorFilePath(long int selector)
@@ -62,22 +68,32 @@ void AsynchronousClient::finishErrorFile()
 
 char *AsynchronousClient::getCncCurrentError(long int selector)
 {
-    m_mutex.lock();
+    std::unique_lock<ClientLock> lock(m_mutex);
     m_cncErrorText = "0";
-    if (linkDown(kGetCncCurrentErrorSig)) {
-        m_cncErrorText += "SocketDisconnected";
-        m_cncErrorText[0] = '7';
-        m_mutex.unlock();
-        return m_cncErrorText.data();
-    }
+    // The text goes to the calling thread's own copy, which the next call
+    // of another thread leaves alone.
+    auto finish = [this, &lock](char digit, const char *words) {
+        finishErrorFile();
+        if (words)
+            m_cncErrorText.truncate(1);
+        m_cncErrorText[0] = digit;
+        if (words)
+            m_cncErrorText += words;
+        const QByteArray text = m_cncErrorText;
+        lock.unlock();
+        return m_errorTexts.store(text);
+    };
+    const auto linkLost = [&]() {
+        // The socket's own error text is logged by linkDown().
+        return finish('7', "SocketDisconnected");
+    };
+    if (linkDown(kGetCncCurrentErrorSig))
+        return linkLost();
     const QByteArray path = errorFilePath(selector);
     if (path.isEmpty()) {
         if (debugErrors())
             qDebug() << "getCncCurrentError" << "Channel selection error";
-        m_cncErrorText += "Channel selection error";
-        m_cncErrorText[0] = '9';
-        m_mutex.unlock();
-        return m_cncErrorText.data();
+        return finish('9', "Channel selection error");
     }
 
     // The controller writes the file and clears the kind variable when done.
@@ -88,27 +104,27 @@ char *AsynchronousClient::getCncCurrentError(long int selector)
     // file-variable calls send nothing, so the answer there is '8'.
     qint32 kind = 1;
     readVarLocked(kErrorFileKindVar, &kind);
+    if (linkDown(kGetCncCurrentErrorSig))
+        return linkLost();
     if (kind != 0) {
         if (debugErrors())
             qDebug() << "getCncCurrentError" << "timeout get curErrorerror file";
-        m_cncErrorText += "timeout get curErrorerror file";
-        m_cncErrorText[0] = '8';
-        m_mutex.unlock();
-        return m_cncErrorText.data();
+        return finish('8', "timeout get curErrorerror file");
     }
 
-    // Without a reply inside open/read/close the text goes back as it stands.
-    auto abandon = [this]() {
-        finishErrorFile();
-        m_mutex.unlock();
-        return m_cncErrorText.data();
+    // No reply inside open/read/close: '8' (or '7' when the link went),
+    // followed by what was read so far. Never '0' for an answer not had.
+    auto noReply = [&]() {
+        if (linkDown(kGetCncCurrentErrorSig))
+            return linkLost();
+        return finish('8', nullptr);
     };
 
     m_readFileState.store(0);   // only this call's replies count
     long int result = queueFrame(buildOpenReadFile(path.constData()));
     if (isDirectMode()) {
         if (!exchangeNext())
-            return abandon();
+            return noReply();
         if (!m_errorFlag.load()) {
             if (m_readFileState.load() == kAlarmState) {
                 result = StatusAlarm;
@@ -123,11 +139,22 @@ char *AsynchronousClient::getCncCurrentError(long int selector)
     if (!m_fileOpened && debugErrors())
         qDebug() << "getCncCurrentError" << "CncErrorFile open false";
 
+    // Error files are small: a controller that sends pieces without end is
+    // stopped at a size and a time, and the text says so with its digit.
+    QElapsedTimer clock;
+    clock.start();
     while (m_fileOpened && m_moreToRead) {
+        if (m_cncErrorText.size() - 1 >= kErrorFileMaxBytes || clock.elapsed() >= kErrorFileMaxMs) {
+            if (debugErrors())
+                qDebug() << "getCncCurrentError" << "CncErrorFile too long";
+            m_cncErrorText.truncate(1 + kErrorFileMaxBytes);
+            result = kErrorFileBoundDigit;
+            break;
+        }
         m_readFileState.store(kNoReadReply);
         queueFrame(buildReadFile());
         if (!exchangeNext())
-            return abandon();
+            return noReply();
         if (!m_errorFlag.load()) {
             m_somethingRead = true;
             continue;
@@ -148,18 +175,15 @@ char *AsynchronousClient::getCncCurrentError(long int selector)
         m_readFileState.store(0);
         queueFrame(buildCloseReadFile());
         if (!exchangeNext())
-            return abandon();
-        if (m_errorFlag.load())
+            return noReply();
+        if (m_errorFlag.load() && result != kErrorFileBoundDigit)
             result = m_readFileState.load() == kAlarmState ? long(StatusAlarm) : long(StatusErrorReply);
     }
 
-    finishErrorFile();
-    // 100 shows as '1': the digit is the first one of the code.
-    m_cncErrorText[0] = QByteArray::number(qlonglong(result)).at(0);
     if (debugDetails())
         qDebug() << "datez_size" << m_cncErrorText.size();
-    m_mutex.unlock();
-    return m_cncErrorText.data();
+    // 100 shows as '1': the digit is the first one of the code.
+    return finish(QByteArray::number(qlonglong(result)).at(0), nullptr);
 }
 
 // Open and close answer 1 for success; 0 is reported, other states only

@@ -10,6 +10,7 @@
 #include <QDebug>
 #include <QString>
 
+#include <chrono>
 #include <cstring>
 #include <thread>
 
@@ -203,7 +204,10 @@ long int AsynchronousClient::append(char *txt)
             if (failed != StatusOk)
                 return failed;
             if (m_errorFlag.load() || m_memoryFull.load()) {
-                result = StatusErrorReply;      // the same chunk goes again
+                // The same chunk goes again, after a pause: a controller
+                // that keeps refusing is not flooded.
+                result = StatusErrorReply;
+                std::this_thread::sleep_for(std::chrono::milliseconds(kRepeatIntervalMs));
             } else {
                 if (queued == StatusOk)
                     ++k;
@@ -219,7 +223,7 @@ long int AsynchronousClient::append(char *txt)
                 m_mutex.unlock();
                 return StatusDisconnected;
             } else {
-                std::this_thread::yield();
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
             }
             result = queued;
         }

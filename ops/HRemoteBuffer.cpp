@@ -1,6 +1,9 @@
 #include "HRemoteBuffer.h"
 
+#include "TsanAnnotations.h"
+
 #include <QCoreApplication>
+#include <QElapsedTimer>
 #include <QSet>
 #include <QTcpSocket>
 
@@ -71,6 +74,7 @@ HRemoteBuffer::~HRemoteBuffer()
     }
     m_stop = true;
     wait();
+    tsanAcquire(this);   // pairs with the end of run(): QThread::wait() is invisible to it
 }
 
 int HRemoteBuffer::close(void *handle)
@@ -106,6 +110,7 @@ void HRemoteBuffer::scheduleDeletion()
         || (home == QThread::currentThread() && home->loopLevel() > 0);
     auto finish = [this, homeLoops] {
         wait();
+        tsanAcquire(this);
         if (homeLoops)
             deleteLater();
         else
@@ -148,14 +153,12 @@ void HRemoteBuffer::setStateInfo(const QByteArray &text)
 
 char *HRemoteBuffer::stateInfo()
 {
-    std::lock_guard<std::mutex> lock(m_infoLock);
-    // Replace the host's copy only when the text changed, so a pointer
-    // handed out earlier stays valid while the text stays the same.
-    if (m_stateInfoOut.isNull() || m_stateInfoOut != m_stateInfo) {
-        m_stateInfoOut = m_stateInfo;
-        m_stateInfoOut.detach();
+    QByteArray text;
+    {
+        std::lock_guard<std::mutex> lock(m_infoLock);
+        text = m_stateInfo;
     }
-    return m_stateInfoOut.data();
+    return m_stateInfoOut.store(text);
 }
 
 QByteArray HRemoteBuffer::hostFrame(int length) const
@@ -230,6 +233,12 @@ qint64 HRemoteBuffer::bytesWritten()
 
 void HRemoteBuffer::run()
 {
+    // Declared first, so it runs last: whoever waited for this thread sees
+    // everything it did.
+    struct EndOfThread {
+        const HRemoteBuffer *buffer;
+        ~EndOfThread() { tsanRelease(buffer); }
+    } endOfThread{ this };
     // The socket belongs to this thread: made, used and destroyed here.
     QTcpSocket socket;
     socket.connectToHost(QString::fromLatin1(m_address), quint16(kPort), QIODevice::ReadWrite,
@@ -243,6 +252,10 @@ void HRemoteBuffer::run()
     m_connected = true;
     setState(StateAnnounce);
 
+    // Repeats (re-announcement, resend, send-next) keep this distance from
+    // the request before them, so a controller that keeps refusing is asked
+    // fewer than 100 times a second.
+    QElapsedTimer sinceSend;
     while (!m_stop) {
         const int state = m_state;
         if (state > StateIdle || state == StateClosed)
@@ -270,6 +283,13 @@ void HRemoteBuffer::run()
             continue;
         }
 
+        const bool repeat = state == StateBusy || state == StateAnnounce || state == StateError;
+        if (repeat && sinceSend.isValid()) {
+            const qint64 rest = kRepeatIntervalMs - sinceSend.elapsed();
+            if (rest > 0)
+                msleep(unsigned(rest));
+        }
+        sinceSend.start();
         m_sending = WaitingReply;
         socket.write(m_current);
         socket.flush();

@@ -2,6 +2,7 @@
 #define HREMOTEBUFFER_H
 
 #include "HProtocol_Client.h"
+#include "ThreadTexts.h"
 
 #include <QByteArray>
 #include <QList>
@@ -55,7 +56,8 @@ public:
         kReplyWaitMs = 500,     // connect and reply wait, never repeated
         kIdleSleepMs = 20,
         kTailSleepMs = 200,     // before disconnecting at the end
-        kCloseWaitMs = 100
+        kCloseWaitMs = 100,
+        kRepeatIntervalMs = 11  // least time from a request to its repeat
     };
 
     // Sending marker values.
@@ -85,7 +87,9 @@ public:
     int clear();
     int validCount();
     int state() const { return m_state.load(); }
-    // The state text, owned by the buffer; stays put while the text is unchanged.
+    // The state text, owned by the buffer: each calling thread gets a copy
+    // of its own, which stays put until that thread asks again and the
+    // text has changed.
     char *stateInfo();
 
     int mode() const { return m_mode; }
@@ -140,7 +144,7 @@ private:
 
     std::mutex m_infoLock;                // state text
     QByteArray m_stateInfo;
-    QByteArray m_stateInfoOut;            // the copy handed to the host
+    ThreadTexts m_stateInfoOut;           // the copies handed to the host
 
     QByteArray m_current;                 // thread only
     quint8 m_tx[kBufferSize];

@@ -3,7 +3,6 @@
 #include "AsynchronousClient.h"
 
 #include <QDebug>
-#include <QMutexLocker>
 
 namespace {
 
@@ -27,7 +26,7 @@ long int AsynchronousClient::setOscTransEn(long int enable)
 
 long int AsynchronousClient::getOscPoint(long int selector, long int *out, int count)
 {
-    QMutexLocker lock(&m_mutex);
+    std::unique_lock<ClientLock> lock(m_mutex);
     if (linkDown(kGetOscPointSig))
         return StatusDisconnected;
     if (!out) {

@@ -2,7 +2,6 @@
 #include "AsynchronousClient.h"
 
 #include <QDebug>
-#include <QMutexLocker>
 
 namespace {
 
@@ -56,7 +55,7 @@ long int AsynchronousClient::cycStart(long int channel, char *fileName)
 
 QByteArray AsynchronousClient::getRuningPrg(int channel)
 {
-    QMutexLocker lock(&m_mutex);
+    std::unique_lock<ClientLock> lock(m_mutex);
     // Tested as the byte the controller sees: 257 passes as 1.
     if (quint8(unsigned(channel) - 1u) >= 98)   // unsigned: INT_MIN must not overflow
         return QByteArray();

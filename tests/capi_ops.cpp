@@ -9,6 +9,8 @@
 
 #include <QtTest>
 
+#include <thread>
+
 namespace {
 
 const char kAddress[] = "127.0.0.65";
@@ -128,6 +130,78 @@ private slots:
         m_sim->setErrorFile(3, true, "E100 overtravel\n");
         QCOMPARE(QByteArray(getCncCurrentError(31, kId)), QByteArray("0E100 overtravel\n"));
         QCOMPARE(QByteArray(getCncCurrentError(32, kId)), QByteArray("9Channel selection error"));
+    }
+
+    // A text a thread got stays intact until that thread calls again,
+    // whatever another thread asks for the same controller meanwhile.
+    void textsStayWithTheirThread_data()
+    {
+        QTest::addColumn<bool>("program");
+        QTest::newRow("getRuningPrg -> the first thread's program still reads") << true;
+        QTest::newRow("getCncCurrentError -> the first thread's file still reads") << false;
+    }
+    void textsStayWithTheirThread()
+    {
+        QFETCH(bool, program);
+        auto set = [&](const QByteArray &t) {
+            if (program)
+                m_sim->setRunningProgram(1, "O" + t);
+            else
+                m_sim->setErrorFile(0, false, "E" + t);
+        };
+        auto ask = [&]() { return program ? getRuningPrg(1, kId) : getCncCurrentError(0, kId); };
+        set("1111");
+        const char *mine = ask();
+        const QByteArray copy(mine);
+        QVERIFY(copy.contains("1111"));
+        set("2222");
+        QByteArray theirs;
+        std::thread other([&] {
+            for (int i = 0; i < 2; ++i)
+                theirs = ask();
+        });
+        other.join();
+        QVERIFY(theirs.contains("2222"));
+        QCOMPARE(QByteArray(mine), copy);
+        QVERIFY(QByteArray(ask()).contains("2222"));
+        m_sim->setRunningProgram(1, QByteArray());
+    }
+
+    // Texts from the host go into log lines with their control bytes
+    // escaped: a CR/LF in a name cannot forge a line of its own.
+    void hostTextsAreEscapedInLogLines_data()
+    {
+        QTest::addColumn<QString>("call");
+        QTest::newRow("file name -> \\r\\n in the line") << "fileName";
+        QTest::newRow("program text -> \\r\\n in the line") << "txt";
+        QTest::newRow("controller address -> \\r\\n in the line") << "ip";
+    }
+    void hostTextsAreEscapedInLogLines()
+    {
+        QFETCH(QString, call);
+        static QStringList lines;
+        lines.clear();
+        const QtMessageHandler previous = qInstallMessageHandler(
+            [](QtMsgType, const QMessageLogContext &, const QString &message) { lines.append(message); });
+        char forged[] = "A\r\n2024-01-01 00:00:00 Mon: FORGED\x01";
+        const int unknown = 4243;
+        if (call == "fileName")
+            setTransFileType(0, 1, forged, unknown);
+        else if (call == "txt")
+            append(forged, 1, unknown);
+        else
+            addTargetCnc(unknown, 1, forged, 0);
+        qInstallMessageHandler(previous);
+        if (call == "ip")
+            removeTargetCnc(unknown);
+        const QStringList hits = lines.filter(QStringLiteral("FORGED"));
+        QVERIFY(!hits.isEmpty());
+        for (const QString &line : hits) {
+            QVERIFY2(!line.contains(QLatin1Char('\r')) && !line.contains(QLatin1Char('\n'))
+                         && !line.contains(QChar(1)), qPrintable(line));
+            QVERIFY2(line.contains(QStringLiteral("A\\r\\n2024")) && line.contains(QStringLiteral("\\x01")),
+                     qPrintable(line));
+        }
     }
 };
 

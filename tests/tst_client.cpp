@@ -9,6 +9,7 @@
 #include <QElapsedTimer>
 #include <QtTest>
 
+#include <climits>
 #include <memory>
 #include <thread>
 
@@ -250,6 +251,104 @@ private slots:
         QCOMPARE(l.client->CheckTcpWdt(), 0L);
     }
 
+    // A reply counts only when it answers the request: same letter or its
+    // error form and, for a read, the count asked for. Anything else is
+    // dropped and the wait goes on within the same budget.
+    void misbehavingController_data()
+    {
+        QTest::addColumn<QString>("operation");
+        QTest::addColumn<QString>("before");   // fault of a readVars made first
+        QTest::addColumn<QString>("fault");
+        QTest::addColumn<long>("status");
+        QTest::addColumn<long>("value");        // read value, -1: not checked
+        QTest::addColumn<int>("maxMs");
+        QTest::newRow("bare 'p' after an error reply to a read -> 0")
+            << "wdt" << "B=error:0:1" << "p=bare" << 0L << -1L << 1000;
+        QTest::newRow("stale read error before the write's ack -> 0")
+            << "write" << "" << "D=stale:0xC2" << 0L << -1L << 1000;
+        QTest::newRow("stale write error before the reset's ack -> 0")
+            << "reset" << "" << "f:3=stale:0xC4" << 0L << -1L << 1000;
+        QTest::newRow("stale write ack before the read's reply -> the value")
+            << "read" << "" << "B=stale:0x44" << 0L << 42L << 1000;
+        QTest::newRow("read reply with another count -> 111 after the three waits")
+            << "read" << "" << "B=count:2" << 111L << -1L << 2500;
+        QTest::newRow("garbage -> 111 after the three waits")
+            << "read" << "" << "B=garbage" << 111L << -1L << 2500;
+        QTest::newRow("reply of 600 bytes -> 111 after the three waits")
+            << "read" << "" << "B=oversize:600" << 111L << -1L << 2500;
+        QTest::newRow("split reply -> the value")
+            << "read" << "" << "B=split:100" << 0L << 42L << 1000;
+        QTest::newRow("endless stream after the reply -> the value within 2 s")
+            << "read" << "" << "B=stream" << 0L << 42L << 2000;
+        QTest::newRow("silent controller -> 111 after the three waits")
+            << "read" << "" << "B=silence" << 111L << -1L << 2500;
+    }
+    void misbehavingController()
+    {
+        QFETCH(QString, operation);
+        QFETCH(QString, before);
+        QFETCH(QString, fault);
+        QFETCH(long, status);
+        QFETCH(long, value);
+        QFETCH(int, maxMs);
+        Link l = link(27);
+        QVERIFY(l.sim);
+        l.sim->setVariable(1000000, 42);
+        long int address = 1000000, read = -1;
+        char letter = 0;
+        int sub = -1;
+        ControllerSim::Fault f;
+        if (!before.isEmpty()) {
+            QVERIFY(ControllerSim::parseFault(before, &letter, &sub, &f));
+            l.sim->setFault(letter, sub, f);
+            l.client->readVars(&address, 1, &read);
+        }
+        QVERIFY(ControllerSim::parseFault(fault, &letter, &sub, &f));
+        l.sim->setFault(letter, sub, f);
+        QElapsedTimer t;
+        t.start();
+        long int out = -1;
+        if (operation == "wdt")
+            out = l.client->CheckTcpWdt();
+        else if (operation == "write")
+            out = l.client->writeVars(&address, 1, &address);
+        else if (operation == "reset")
+            out = l.client->reset(1);
+        else
+            out = l.client->readVars(&address, 1, &read);
+        const qint64 elapsed = t.elapsed();
+        QCOMPARE(out, status);
+        if (value >= 0)
+            QCOMPARE(read, value);
+        QVERIFY2(elapsed < maxMs, qPrintable(QString::number(elapsed)));
+    }
+
+    void writeVarsTakesWhatAWordCarries_data()
+    {
+        QTest::addColumn<qint64>("value");
+        QTest::addColumn<long>("status");
+        QTest::addColumn<qint32>("stored");
+        QTest::newRow("INT32_MIN -> written") << qint64(INT32_MIN) << 0L << qint32(INT32_MIN);
+        QTest::newRow("0xFFFFFFFF -> written as the bit pattern") << qint64(0xFFFFFFFFLL) << 0L << qint32(-1);
+        QTest::newRow("0x100000000 -> 1, nothing sent") << qint64(0x100000000LL) << 1L << qint32(0);
+        QTest::newRow("LONG_MAX -> 1, nothing sent") << qint64(LLONG_MAX) << 1L << qint32(0);
+        QTest::newRow("INT32_MIN - 1 -> 1, nothing sent") << qint64(INT32_MIN) - 1 << 1L << qint32(0);
+    }
+    void writeVarsTakesWhatAWordCarries()
+    {
+        QFETCH(qint64, value);
+        QFETCH(long, status);
+        QFETCH(qint32, stored);
+        if (sizeof(long int) < 8 && (value > LONG_MAX || value < LONG_MIN))
+            QSKIP("a 32-bit long cannot hold the value");
+        Link l = link(28);
+        QVERIFY(l.sim);
+        long int address = 1000000, v = long(value);
+        QCOMPARE(l.client->writeVars(&address, 1, &v), status);
+        QCOMPARE(l.sim->variable(1000000), stored);
+        QCOMPARE(l.sim->requests().size(), status == 0 ? 1 : 0);
+    }
+
     void neverConnected()
     {
         AsynchronousClient client;
@@ -418,15 +517,16 @@ private slots:
 
     void threadModeStopsWhileAReplyIsAwaited_data()
     {
-        QTest::addColumn<bool>("destroy");
-        QTest::newRow("disconnect") << false;
-        QTest::newRow("destruction") << true;
+        QTest::addColumn<QString>("call");
+        QTest::newRow("disconnect -> returns within 500 ms") << "disconnect";
+        QTest::newRow("destruction -> returns within 500 ms") << "destroy";
+        QTest::newRow("connect again -> returns within 500 ms") << "connect";
     }
     void threadModeStopsWhileAReplyIsAwaited()
     {
         // The loop is inside its reply waits when the host stops it: the
-        // call ends once those waits run out, it does not hang on the link.
-        QFETCH(bool, destroy);
+        // call does not wait for those waits to run out.
+        QFETCH(QString, call);
         Link l = link(26, true);
         QVERIFY(l.sim);
         l.sim->setSilence('B');
@@ -435,11 +535,15 @@ private slots:
         QVERIFY(l.sim->waitForRequests(1, 5000));
         QElapsedTimer t;
         t.start();
-        if (destroy)
+        if (call == "destroy")
             l.client.reset();
-        else
+        else if (call == "disconnect")
             QCOMPARE(l.client->tcpDisconnect(), 1L);
-        QVERIFY2(t.elapsed() < 3000, qPrintable(QString::number(t.elapsed())));
+        else
+            QVERIFY(l.client->tcpConnect(host(26).toLatin1()));
+        QVERIFY2(t.elapsed() < 500, qPrintable(QString::number(t.elapsed())));
+        if (call == "connect")
+            return;
         QVERIFY(waitFor([&] { return l.sim->connectionCount() == 0; }));
         QCOMPARE(l.sim->requests().size(), 1);
     }

@@ -496,6 +496,53 @@ private slots:
         QVERIFY(!m_client->heldElsewhere());
     }
 
+    void refusingControllerIsPaced_data()
+    {
+        QTest::addColumn<QString>("caller");
+        QTest::addColumn<QString>("fault");
+        QTest::newRow("append to full memory -> at most 100 resends a second") << "append" << "d:2=state:3";
+        QTest::newRow("append refused by error replies -> at most 100 resends a second") << "append" << "d:2=error";
+        QTest::newRow("thread loop under error replies -> at most 100 polls a second") << "poll" << "B=error";
+        QTest::newRow("thread loop under garbage -> at most 100 polls a second") << "poll" << "B=garbage";
+    }
+    void refusingControllerIsPaced()
+    {
+        QFETCH(QString, caller);
+        QFETCH(QString, fault);
+        char letter = 0;
+        int sub = -1;
+        ControllerSim::Fault refusal;
+        QVERIFY(ControllerSim::parseFault(fault, &letter, &sub, &refusal));
+        std::thread host;
+        long int out = -1;
+        if (caller == "append") {
+            announce();
+            m_sim->setFault(letter, sub, refusal);
+            // More than one chunk: a refused chunk is sent again while more follow.
+            host = std::thread([&] {
+                QByteArray text(1000, 'G');
+                out = m_client->append(text.data());
+            });
+        } else {
+            m_client.reset(new OpsClient);
+            m_client->setSyncMode(0);
+            QVERIFY(m_client->tcpConnect(kSimAddress.toLatin1()));
+            m_sim->setFault(letter, sub, refusal);
+            long int address = 1000000;
+            m_client->registerVars(&address, 1);
+        }
+        QVERIFY(m_sim->waitForRequests(1, 2000));
+        const int before = sent(letter).size();
+        QThread::msleep(1000);
+        const int inOneSecond = sent(letter).size() - before;
+        m_sim->clearFaults();
+        if (host.joinable()) {
+            host.join();   // the controller takes the chunk now
+            QCOMPARE(out, 0L);
+        }
+        QVERIFY2(inOneSecond <= 100, qPrintable(QString::number(inOneSecond)));
+    }
+
     void threadModeAnnounceRunsAheadOfItsReply()
     {
         // In thread mode the empty overwrite runs before the set-file reply
@@ -607,12 +654,25 @@ private slots:
         QCOMPARE(reports().last().text, QByteArray("closing file error."));
         m_sim->clearFaults();
 
-        // No reply while reading: the text as it stands, and the client is
-        // free again for the next call.
+        // No reply while reading: '8' (never '0' for an answer not had),
+        // and the client is free again for the next call.
         m_sim->setFault('c', 2, ControllerSim::Fault::silence(1));
-        QCOMPARE(QByteArray(m_client->getCncCurrentError(0)), QByteArray("0"));
+        QCOMPARE(QByteArray(m_client->getCncCurrentError(0)), QByteArray("8"));
         QVERIFY(!m_client->heldElsewhere());
         QCOMPARE(QByteArray(m_client->getCncCurrentError(0)), QByteArray("0E7\n"));
+
+        // The controller sends pieces without end: the read stops at 64 KiB
+        // of text with the digit '5', and the file is closed.
+        m_sim->setErrorFile(0, false, QByteArray(70000, 'E'));
+        m_sim->clearRequests();
+        const QByteArray bounded(m_client->getCncCurrentError(0));
+        QCOMPARE(bounded.left(1), QByteArray("5"));
+        QCOMPARE(bounded.size(), 1 + 64 * 1024);
+        QVERIFY(sent('c').contains(hex("00000000 0400 00 63 03 00")));
+
+        // The link drops in the middle of the hand-over: '7', not '8'.
+        m_sim->setFault('B', -1, ControllerSim::Fault::closeAfter(0, 1));
+        QCOMPARE(QByteArray(m_client->getCncCurrentError(0)), QByteArray("7SocketDisconnected"));
     }
 
     void errorFileAlarmWhileReading()

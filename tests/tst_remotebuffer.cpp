@@ -8,6 +8,7 @@
 #include <QtTest>
 
 #include <cstring>
+#include <ctime>
 
 namespace {
 
@@ -83,6 +84,8 @@ private slots:
     void statesThroughTraffic_data();
     void statesThroughTraffic();
     void busyControllerIsPolled();
+    void refusingControllerIsPaced_data();
+    void refusingControllerIsPaced();
     void splitReplyParsedAsItCame();
     void framesOnTheWire_data();
     void framesOnTheWire();
@@ -300,6 +303,49 @@ void TestRemoteBuffer::busyControllerIsPolled()
     QCOMPARE(sim.requests('d'), (QList<QByteArray>{appendFrame("N10 G1 X5\n"), sendNext, sendNext,
                                                    sendNext, appendFrame("N20 M30\n")}));
     QCOMPARE(sim.dncFile(1, "DNC"), QByteArray("N10 G1 X5\nN20 M30\n"));
+}
+
+void TestRemoteBuffer::refusingControllerIsPaced_data()
+{
+    QTest::addColumn<QString>("fault");
+    QTest::addColumn<int>("busyPolls");
+    QTest::newRow("denied file -> announced again at most 100 times a second") << "d:1=state:2" << 0;
+    QTest::newRow("parameter error -> the append resent at most 100 times a second") << "d:2=state:1" << 0;
+    QTest::newRow("busy controller -> send-next polls that cost no CPU") << "" << 1000;
+}
+
+void TestRemoteBuffer::refusingControllerIsPaced()
+{
+    QFETCH(QString, fault);
+    QFETCH(int, busyPolls);
+    ControllerSim sim(QStringLiteral("127.0.0.79"));
+    QVERIFY(sim.start());
+    char letter = 0;
+    int sub = -1;
+    ControllerSim::Fault refusal;
+    if (!fault.isEmpty()) {
+        QVERIFY(ControllerSim::parseFault(fault, &letter, &sub, &refusal));
+        if (sub != 1)   // the announcement goes through; the text is refused
+            sim.setFault(letter, sub, refusal);
+    }
+    Buffer buffer("127.0.0.79", HRemoteBuffer::DncMode);
+    if (sub == 1) {
+        sim.setFault(letter, sub, refusal);
+    } else {
+        QTRY_COMPARE_WITH_TIMEOUT(buffer->state(), int(HRemoteBuffer::StateIdle), kWaitMs);
+        if (busyPolls > 0)
+            sim.setBusyReplies(1, busyPolls);
+        QCOMPARE(buffer->write("N10 G1 X5\n"), 1);
+    }
+    QVERIFY(sim.waitForRequests(2, kWaitMs));
+    const int before = sim.requests().size();
+    const std::clock_t cpuBefore = std::clock();
+    QThread::msleep(1000);
+    const double cpuMs = 1000.0 * double(std::clock() - cpuBefore) / CLOCKS_PER_SEC;
+    const int inOneSecond = sim.requests().size() - before;
+    QVERIFY2(inOneSecond >= 5 && inOneSecond <= 100, qPrintable(QString::number(inOneSecond)));
+    // The whole process: the buffer's thread, the simulator, this test.
+    QVERIFY2(cpuMs < 300, qPrintable(QString::number(cpuMs)));
 }
 
 // The reply wait ends with the first bytes, and what came is parsed: a busy
