@@ -80,6 +80,8 @@ public:
     };
 
     explicit AsynchronousClient(QObject *parent = nullptr);
+    // Stops the client's thread. A subclass does that itself in its own
+    // destructor (requestStop(), wait()): the thread calls virtual handlers.
     ~AsynchronousClient() override;
     // Tells the socket thread to end after its current exchange, without
     // waiting; the destructor waits. Lets an owner stop several clients at

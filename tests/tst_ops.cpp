@@ -82,6 +82,13 @@ QList<ErrorReport> reports()
 class OpsClient : public AsynchronousClient
 {
 public:
+    // The client's thread calls virtual handlers: it ends before this
+    // object stops being an OpsClient.
+    ~OpsClient() override
+    {
+        requestStop();
+        wait();
+    }
     // Another thread's tryLock: returns at once, so the check never hangs.
     bool heldElsewhere()
     {
