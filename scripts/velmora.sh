@@ -6,6 +6,7 @@
 #   scripts/velmora.sh fuzz   - sanitizer build of the fuzz targets, 30 s each
 #   scripts/velmora.sh tsan   - ThreadSanitizer build running the thread and concurrency tests
 #   scripts/velmora.sh setup  - only install packages, configure and build
+#   scripts/velmora.sh package - install into build/prefix; build and run the example hosts against it
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
@@ -35,6 +36,9 @@ configure_and_build() {
   cmake --build "$dir" -j "$jobs"
 }
 
+case "${1:-demo}" in   # what a job needs beyond the list above
+  package) packages+=(pkgconf) ;;
+esac
 install_missing
 case "${1:-demo}" in
   setup)
@@ -69,6 +73,9 @@ case "${1:-demo}" in
       "$f" -max_total_time=30 -print_final_stats=1 "$work"
       rm -rf "$work"
     done ;;
+  package)
+    configure_and_build "$build"
+    VELMORA_BUILD_DIR=$build VELMORA_JOBS=$jobs bash "$root/scripts/package.sh" ;;
   *)
-    echo "usage: $0 demo|test|tsan|fuzz|setup" >&2; exit 2 ;;
+    echo "usage: $0 demo|test|tsan|fuzz|setup|package" >&2; exit 2 ;;
 esac
