@@ -30,7 +30,9 @@ __all__ = ["Controller", "RemoteBuffer", "ErrorFile", "VelmoraError", "LockedCha
 
 # Status codes of the C interface.
 OK, PARAMETER, ERROR_REPLY, QUEUE_FULL, WRONG_MODE, NOT_CONNECTED = 0, 1, 3, 4, 6, 7
-ERROR_FILE_NOT_WRITTEN, ALARM, NO_REPLY = 8, 100, 111
+ALARM, NO_REPLY = 100, 111
+# Digits that only the error file's text carries.
+ERROR_FILE_CUT, ERROR_FILE_NOT_WRITTEN, ERROR_FILE_SELECTOR = 5, 8, 9
 
 _WORDS = {
     0: "success",
@@ -39,7 +41,9 @@ _WORDS = {
     4: "the request queue or the controller's DNC memory is full",
     6: "wrong client mode",
     7: "not connected to the controller",
-    8: "the controller did not write the error file in time",
+    5: "the error file was cut at 64 KiB or after 10 s of reading",
+    8: "the controller did not write the error file in time, or did not answer while it was read",
+    9: "bad error-file selector",
     100: "the controller reports an execution alarm",
     111: "no reply within the reply time-out",
     112: "no oscilloscope points",
@@ -140,8 +144,8 @@ def _declare(lib):
 def status_text(status):
     """The words for a status code."""
     lib = _lib
-    # 8 is the error file's own digit, not a status of the C functions.
-    if lib is not None and hasattr(lib, "velmoraStatusText") and status != ERROR_FILE_NOT_WRITTEN:
+    # 5, 8 and 9 are the error file's own digits, no statuses of the C functions.
+    if lib is not None and hasattr(lib, "velmoraStatusText") and status not in (5, 8, 9):
         text = lib.velmoraStatusText(status)
         if text:
             return text.decode("utf-8", "replace")
@@ -342,8 +346,10 @@ class Controller:
     def error_file(self, index=0, history=False):
         """The current (or history) error file of channel index 0..8, as ErrorFile(status, text).
 
-        status 0 means the text is the file; otherwise text says what went
-        wrong (8: the controller did not write the file in time).
+        status 0: text is the file; 5: the file cut at 64 KiB or 10 s of
+        reading; otherwise text is the library's words, if any (7
+        "SocketDisconnected", 8 "timeout get curErrorerror file"), or what
+        was read before the failure.
         """
         if not 0 <= index <= 8:
             raise ValueError("bad channel index %r (0..8)" % (index,))

@@ -89,7 +89,11 @@ ROWS = [
     ("errors of two controllers: lines carry their controller", BASE, BASE, ["--cnc", A + "," + B, "errors"], 0,
      "%s\tE1 spindle\n%s\tE2 door\n%s\tE1 spindle\n%s\tE2 door\n" % (A, A, B, B), []),
     ("error file never written -> 8 with the library's words", "error-file-stuck", None, ["--cnc", A, "errors"], 8, "",
-     [r"getCncCurrentError: timeout get curErrorerror file \(status 8\)"]),
+     [r"getCncCurrentError: The controller did not write the error file in time, or did not answer while it was "
+      r"read; the library says \"timeout get curErrorerror file\" \(status 8\)$"]),
+    ("error file beyond 64 KiB -> its first 64 KiB, then 5", "error-file 0=" + "x" * 70000, None,
+     ["--cnc", A, "errors"], 5, "x" * 65536 + "\n",
+     [r"getCncCurrentError: The error file was cut at 64 KiB or after 10 s of reading \(status 5\)$"]),
     ("upload a program", BASE, None, ["--cnc", A, "upload", "1", "0", "O1", "@program"], 0,
      "%s\tok\t%d bytes\n" % (A, len(PROGRAM)), []),
     ("upload whose second piece the controller refuses -> 3", "fault d:2=error:0:1", None,

@@ -65,16 +65,19 @@ const char *const usageText =
     "  -h, --help               this text\n"
     "Exit status: 0, 2 for a bad command line, else the library's status code\n"
     "(1 parameter error, 3 error reply, 4 queue or DNC memory full, 7 not\n"
-    "connected, 8 error file not written in time, 100 controller alarm,\n"
-    "111 no reply).\n";
+    "connected, 100 controller alarm, 111 no reply; errors: 5 file cut at its\n"
+    "bound, 8 file not written or not read in time).\n";
 
-// Words for a status code: the library's own, and for the error file's
-// digit 8, which is no status of a C function, the tool's.
+// Words for a status code: the library's own, and for the digits that only
+// an error file's text carries, the tool's.
 std::string statusWords(long status)
 {
-    if (status == 8)
-        return "The controller did not write the error file in time";
-    return velmoraStatusText(status);
+    switch (status) {
+    case 5: return "The error file was cut at 64 KiB or after 10 s of reading";
+    case 8: return "The controller did not write the error file in time, or did not answer while it was read";
+    case 9: return "Bad error-file selector";
+    default: return velmoraStatusText(status);
+    }
 }
 
 struct BadArgument {
@@ -233,6 +236,7 @@ struct Job {
     int id = 0;
     long status = 0;
     std::string row;            // the result row, printed when status is 0
+    bool printAnyway = false;   // ... or even with a status
     std::string message;        // what went wrong, in words
     std::atomic<long long> progress{0};
     long long total = 0;
@@ -412,15 +416,18 @@ Tool::Work Tool::prepare()
                 check(job, "getCncCurrentError", StatusParam);
                 return;
             }
-            // The first character is the status digit; '1' stands for the alarm 100.
+            // The first character is the status digit ('1' stands for the
+            // alarm 100); after '7', '8' and '9' come the library's words
+            // instead of the file, after '5' the file as far as it was read.
             const long status = t[0] == '1' ? 100 : t[0] - '0';
-            if (status == 8 || status == 9) {
-                job.status = status == 9 ? StatusParam : status;
-                job.message = std::string("getCncCurrentError: ") + (t + 1) + " (status " + std::to_string(job.status) + ")";
+            if (status != 0 && status != 5) {
+                check(job, "getCncCurrentError", status);
+                if ((status == 7 || status == 8 || status == 9) && t[1])
+                    job.message.insert(job.message.rfind(" (status"), std::string("; the library says \"") + (t + 1) + "\"");
                 return;
             }
-            if (!check(job, "getCncCurrentError", status))
-                return;
+            if (status == 5)
+                check(job, "getCncCurrentError", status);
             std::string body = t + 1;
             if (opt.cncs.size() > 1) {
                 // Several controllers: every line carries its controller.
@@ -433,6 +440,9 @@ Tool::Work Tool::prepare()
             if (!body.empty() && body.back() == '\n')
                 body.pop_back();
             job.row = body;
+            // Cut at the bound: the text so far is still data.
+            if (status == 5)
+                job.printAnyway = true;
         };
     }
     if (c == "wdt") {
@@ -692,9 +702,9 @@ int Tool::finish()
     for (Job &job : jobs) {
         if (opt.command == "watch" && job.status == 0)
             continue;
-        if (job.status == 0 && opt.command != "watch")
+        if ((job.status == 0 || job.printAnyway) && opt.command != "watch")
             std::printf("%s\n", job.row.c_str());
-        else if (job.status != 0 && opt.command != "watch")
+        if (job.status != 0 && opt.command != "watch")
             message(job.address + ": " + job.message);
         if (rc == 0 && job.status != 0)
             rc = int(job.status);
