@@ -26,7 +26,7 @@ import threading
 import time
 
 __all__ = ["Controller", "RemoteBuffer", "ErrorFile", "VelmoraError", "LockedChannelError",
-           "status_text", "variable_number", "load_library"]
+           "status_text", "variable_number", "load_library", "library_version"]
 
 # Status codes of the C interface.
 OK, PARAMETER, ERROR_REPLY, QUEUE_FULL, WRONG_MODE, NOT_CONNECTED = 0, 1, 3, 4, 6, 7
@@ -89,10 +89,11 @@ _lib_lock = threading.Lock()
 def load_library(path=None, quiet=True):
     """Loads the library once; later calls return the same handle.
 
-    The library writes a diagnostic line per call to stderr through Qt's
-    debug stream. With quiet (the default) and no QT_LOGGING_RULES of the
-    process's own, they are switched off before the library loads;
-    getErrorDeb can still send them to the hourly files under logs/.
+    The library writes diagnostic lines (calls, connection states) to stderr
+    through Qt's debug stream. With quiet (the default) and no
+    QT_LOGGING_RULES of the process's own, they are switched off before the
+    library loads, everywhere: Controller.debug() then writes no files
+    either. Load with quiet=False to see them, or to send them to files.
     """
     global _lib
     with _lib_lock:
@@ -139,6 +140,13 @@ def _declare(lib):
         f.restype, f.argtypes = res, args
     if hasattr(lib, "velmoraStatusText"):
         lib.velmoraStatusText.restype, lib.velmoraStatusText.argtypes = P, [L]
+        lib.velmoraVersion.restype, lib.velmoraVersion.argtypes = P, []
+
+
+def library_version():
+    """The loaded library's version, "MAJOR.MINOR.PATCH"."""
+    lib = load_library()
+    return lib.velmoraVersion().decode() if hasattr(lib, "velmoraVersion") else "1.0"
 
 
 def status_text(status):
@@ -402,6 +410,13 @@ class Controller:
     def buffer(self, channel=1, mode="dnc"):
         """A RemoteBuffer on its own connection to this controller."""
         return RemoteBuffer(self.address, channel, mode, self.lib)
+
+    def debug(self, mask):
+        """getErrorDeb: mask bit 0 error lines, bit 1 details of this controller's
+        main client. Non-zero sends every diagnostic line of the process to
+        logs/CommLog_yyyy-MM-dd-hh.txt under the working directory instead of
+        stderr; 0 sends them back to stderr."""
+        self._check("getErrorDeb", self._call("getErrorDeb", mask))
 
     # Error callback -----------------------------------------------------
     def on_error(self, callback):

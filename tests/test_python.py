@@ -1,5 +1,6 @@
 """python/velmora.py against simulated controllers, one row per case."""
 import os
+import shutil
 import signal
 import subprocess
 import sys
@@ -58,6 +59,7 @@ class PythonModuleTest(unittest.TestCase):
             ("reset 0 -> the library's parameter error", "", lambda c: c.reset(0), 1),
             ("start while a program runs -> 3", BASE, lambda c: c.start(2, "O1"), 3),
             ("watchdog", "", lambda c: c.watchdog(), None),
+            ("library version as text", "", lambda c: velmora.library_version().split(".")[:1], ["1"]),
             ("error file as status and text", BASE.replace("error-file-stuck\n", ""), lambda c: c.error_file(),
              velmora.ErrorFile(0, "E1 spindle\nE2 door")),
             ("error file never written -> status 8 and the library's words", BASE, lambda c: c.error_file(),
@@ -124,6 +126,22 @@ class PythonModuleTest(unittest.TestCase):
             c.upload(1, "O7", PROGRAM, progress=lambda sent, total: progress.append((sent, total)))
             self.assertEqual(progress, [(399, len(PROGRAM)), (798, len(PROGRAM)), (len(PROGRAM), len(PROGRAM))])
 
+    def test_endless_append_ends_at_disconnect(self):
+        # Memory full for ever: append resends its chunk without end, until
+        # another thread disconnects the controller.
+        self.sim("fault d:2=state:3")
+        with velmora.Controller(A) as c:
+            lib, result = c.lib, {}
+            self.assertEqual(lib.setTransFileType(2, 1, b"O8", c._id), 0)
+            t = threading.Thread(target=lambda: result.setdefault("append", lib.append(b"x" * 1000, 1, c._id)))
+            t.start()
+            time.sleep(0.5)
+            self.assertTrue(t.is_alive())
+            lib.disconnect(c._id)
+            t.join(2.5)
+            self.assertFalse(t.is_alive())
+            self.assertEqual(result["append"], 111)
+
     def test_remote_buffer_writer(self):
         self.sim("")
         with velmora.Controller(A) as c:
@@ -151,6 +169,53 @@ class PythonModuleTest(unittest.TestCase):
                 t.join()
         self.assertEqual(seen, [(2, "program is runing.")])
         self.assertEqual(results, {A: [0] * 100, B: [5] * 100})
+
+
+class DiagnosticsTest(unittest.TestCase):
+    """Where the library's diagnostic lines go, in a fresh process each."""
+
+    CHILD = """
+import sys
+sys.path.insert(0, sys.argv[1])
+import velmora
+velmora.load_library(quiet=sys.argv[3] == "quiet")
+with velmora.Controller(sys.argv[2]) as c:
+    c.debug(int(sys.argv[4]))
+    c.watchdog()
+    c.debug(0)
+"""
+
+    def test_where_lines_go(self):
+        # (what the host sees, QT_LOGGING_RULES, quiet, mask, call line on stderr, call line in logs/)
+        rows = [
+            ("module default: silent everywhere", None, "quiet", 0, False, False),
+            ("rules of the host win over the module's default", "default.debug=true", "quiet", 0, True, False),
+            ("not quiet: the lines on stderr", None, "loud", 0, True, False),
+            ("getErrorDeb(1): the lines in the hourly file, not on stderr", None, "loud", 1, False, True),
+            ("QT_LOGGING_RULES off: no file either", "default.debug=false", "loud", 1, False, False),
+        ]
+        sim = Sim(A, "")
+        self.addCleanup(sim.stop)
+        for name, rules, quiet, mask, on_stderr, in_file in rows:
+            with self.subTest(name):
+                home = tempfile.mkdtemp()
+                env = dict(os.environ)
+                env.pop("QT_LOGGING_RULES", None)
+                if rules:
+                    env["QT_LOGGING_RULES"] = rules
+                r = subprocess.run([sys.executable, "-c", self.CHILD, os.path.join(SOURCE, "python"), A, quiet,
+                                    str(mask)], cwd=home, env=env, capture_output=True, text=True, timeout=30)
+                self.assertEqual(r.returncode, 0, r.stderr)
+                # Every client makes logs/ in the working directory.
+                self.assertTrue(os.path.isdir(os.path.join(home, "logs")))
+                logs = os.path.join(home, "logs")
+                logged = ""
+                for f in os.listdir(logs):
+                    with open(os.path.join(logs, f)) as log:
+                        logged += log.read()
+                shutil.rmtree(home)
+                self.assertEqual("CheckTcpWdt IN FUNCTION" in r.stderr, on_stderr, r.stderr)
+                self.assertEqual("CheckTcpWdt IN FUNCTION" in logged, in_file, logged)
 
 
 if __name__ == "__main__":

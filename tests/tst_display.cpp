@@ -14,6 +14,7 @@
 #include <QSignalSpy>
 #include <QTabWidget>
 #include <QTableWidget>
+#include <QElapsedTimer>
 #include <QtTest>
 
 // Panel tests run against simulators on 127.0.0.90-99.
@@ -249,6 +250,16 @@ void tst_display::unreachableControllerKeepsLastValues()
     QTableWidget *t = shownTable(panel);
     QVERIFY(QMetaObject::invokeMethod(&panel, "updataTimeOutFunction"));
     QCOMPARE(cell(t, 0, 1), QStringLiteral("555"));
+
+    // A silent controller holds the GUI thread for the reply budget, three
+    // waits of 600 ms, per refresh of a panel.
+    sim.setSilence('B');
+    QElapsedTimer refresh;
+    refresh.start();
+    QVERIFY(QMetaObject::invokeMethod(&panel, "updataTimeOutFunction"));
+    QVERIFY2(refresh.elapsed() >= 1700 && refresh.elapsed() < 2500, QByteArray::number(refresh.elapsed()));
+    QCOMPARE(cell(t, 0, 1), QStringLiteral("555"));
+    sim.clearFaults();
 
     // The controller goes away: the link drops, the values stay, no box.
     sim.stop();
