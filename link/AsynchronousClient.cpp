@@ -12,6 +12,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <cstdint>
 #include <cstring>
 
@@ -51,7 +52,12 @@ bool validAddress(long int address)
 // would be cut without a word.
 bool fitsWord(long int value)
 {
-    return qint64(value) >= qint64(INT32_MIN) && qint64(value) <= qint64(UINT32_MAX);
+#if LONG_MAX > 0x7fffffffL
+    return value >= INT32_MIN && value <= 0xffffffffL;
+#else
+    Q_UNUSED(value);
+    return true;   // a 32-bit long always fits (and the range test would be a warning)
+#endif
 }
 
 bool allValid(const long int *addresses, int count)
