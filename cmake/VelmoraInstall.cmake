@@ -1,6 +1,7 @@
 # What `cmake --install` puts into the prefix: the library, the public headers
 # (under include/velmora, the directory the CMake targets and velmora.pc add
-# to the include path), the labels-file sample, velmora-sim and velmora-cli,
+# to the include path), the labels-file sample, the Python module and the
+# Wireshark dissector, velmora-sim and velmora-cli,
 # the CMake package (find_package(Velmora) -> Velmora::Velmora and
 # Velmora::VelmoraPrefixed) and the pkg-config modules velmora and
 # velmora-prefixed. Everything in it is relative to the prefix, so the
@@ -19,6 +20,10 @@ install(TARGETS Velmora VelmoraPrefixed EXPORT VelmoraTargets
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
 install(FILES ${velmora_public_headers} DESTINATION ${velmora_include_dir})
 install(FILES display/Velmora.xml DESTINATION ${velmora_data_dir})
+# The Python module finds the library from there (../../../lib); the
+# dissector goes to tshark/Wireshark with -X lua_script: or a plugins folder.
+install(FILES python/velmora.py DESTINATION ${velmora_data_dir}/python)
+install(FILES tools/wireshark/velmora.lua DESTINATION ${velmora_data_dir}/wireshark)
 install(EXPORT VelmoraTargets NAMESPACE Velmora:: DESTINATION ${velmora_cmake_dir})
 
 # The programs find the library next to them, in ../lib.

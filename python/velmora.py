@@ -104,6 +104,8 @@ def load_library(path=None, quiet=True):
         here = os.path.dirname(os.path.abspath(__file__))
         candidates = [path, os.environ.get("VELMORA_LIBRARY"),
                       os.path.join(here, "..", "build", "libVelmora.so"),
+                      # installed: PREFIX/share/velmora/python -> PREFIX/lib
+                      os.path.join(here, "..", "..", "..", "lib", "libVelmora.so.1"),
                       ctypes.util.find_library("Velmora"), "libVelmora.so.1", "Velmora.dll"]
         errors = []
         for c in candidates:

@@ -56,6 +56,25 @@ fi
 cmake --build "$hosts/embedded" -j "$jobs"
 (cd "$hosts/embedded" && QT_QPA_PLATFORM=offscreen with_sim 127.0.0.203 ./window_host)
 (cd "$hosts/embedded" && with_sim 127.0.0.204 ./own_socket_host)
+echo "== the Python module from the prefix, on the prefix's library"
+# (retries while the simulator comes up, like the example hosts)
+(unset VELMORA_LIBRARY; with_sim 127.0.0.205 python3 -c '
+import os, sys, time
+sys.path.insert(0, sys.argv[1])
+import velmora
+loaded = os.path.realpath(velmora.load_library()._name)
+assert loaded.startswith(os.path.realpath(sys.argv[2]) + os.sep), loaded
+for attempt in range(50):
+    try:
+        with velmora.Controller(sys.argv[3]) as cnc:
+            cnc.write({"usr5": 7})
+            assert cnc.read(["usr5"]) == [7]
+        break
+    except velmora.VelmoraError:
+        time.sleep(0.1)
+else:
+    sys.exit("the installed module could not reach the simulator")
+print("python: ok")' "$prefix/share/velmora/python" "$prefix/lib")
 outside=$(find "$root" -path "$build" -prune -o -newer "$stamp" -type f -print)
 if [ -n "$outside" ]; then
   echo "package: written outside the build tree:" $outside >&2

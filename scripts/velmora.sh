@@ -9,6 +9,7 @@
 #   scripts/velmora.sh package - install into build/prefix; build and run the example hosts against it
 #   scripts/velmora.sh i386   - 32-bit build (build-i386) of the library, simulator and C-interface tests, run
 #   scripts/velmora.sh mingw  - compile checks of the Windows code paths with mingw-w64 (build-mingw)
+#   scripts/velmora.sh coverage - library line coverage under the suite, and the suite's size against the code
 set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
@@ -42,6 +43,7 @@ case "${1:-demo}" in   # what a job needs beyond the list above
   package) packages+=(pkgconf) ;;
   i386) packages+=(gcc-multilib g++-multilib) ;;
   mingw) packages+=(g++-mingw-w64-i686-posix) ;;
+  coverage) packages+=(gcovr) ;;
 esac
 install_missing
 case "${1:-demo}" in
@@ -80,8 +82,8 @@ case "${1:-demo}" in
   package)
     configure_and_build "$build"
     VELMORA_BUILD_DIR=$build VELMORA_JOBS=$jobs bash "$root/scripts/package.sh" ;;
-  i386|mingw)
+  i386|mingw|coverage)
     VELMORA_JOBS=$jobs bash "$root/scripts/$1.sh" ;;
   *)
-    echo "usage: $0 demo|test|tsan|fuzz|setup|package|i386|mingw" >&2; exit 2 ;;
+    echo "usage: $0 demo|test|tsan|fuzz|setup|package|i386|mingw|coverage" >&2; exit 2 ;;
 esac
