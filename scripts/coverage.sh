@@ -17,9 +17,11 @@ cmake -S "$root" -B "$cb" -G Ninja -DCMAKE_BUILD_TYPE=Debug \
 cmake --build "$cb" -j "$jobs"
 find "$cb" -name '*.gcda' -delete
 (cd "$cb" && ctest -j "$jobs" --output-on-failure) || echo "coverage: some tests failed; the figures below count what ran" >&2
-# From inside the build tree, where gcov leaves its intermediate files.
+# From inside the build tree, where gcov leaves its intermediate files. The
+# per-file report goes to a file: gcovr deletes its output path after probing
+# it, so "-o /dev/null" would remove the machine's /dev/null.
 (cd "$cb" && gcovr -r "$root" . --filter "$root/link/" --filter "$root/ops/" --filter "$root/capi/" \
-  --filter "$root/display/" --filter "$root/config/" --exclude '.*_autogen.*' --print-summary -o /dev/null)
+  --filter "$root/display/" --filter "$root/config/" --exclude '.*_autogen.*' --print-summary -o "$cb/coverage.txt")
 
 # Non-blank lines. Tests: everything in tests/ that is code. Code: C, C++,
 # Python and Lua outside tests/, fuzz/ and bench/ (the simulator, tools,
