@@ -217,6 +217,10 @@ public:
     // own copy, valid until that thread calls again.
     char *getCncCurrentError(long int selector);
 
+    // The time the controller gets to write an error file
+    // (kErrorFileWaitMs); only the reply fuzzer shortens it.
+    void setErrorFileWaitMs(int ms) { m_errorFileWaitMs.store(ms); }
+
     // Oscilloscope, held ready for later use (no C entry point).
     long int setOscAxis(long int a, long int b, long int c);
     long int setOscTransEn(long int enable);
@@ -253,6 +257,7 @@ protected:
     std::atomic<int> m_payloadTxtSize{kChunkSize};
     // Error-file reading: the state of the last 'c' reply and the three flags.
     std::atomic<int> m_readFileState{0};
+    std::atomic<int> m_errorFileWaitMs{kErrorFileWaitMs};
     bool m_fileOpened = false;
     bool m_moreToRead = false;
     bool m_somethingRead = false;

@@ -15,14 +15,24 @@
 #  endif
 #endif
 
+//
+// ignoreBegin()/ignoreEnd() make it skip this thread's memory accesses in
+// between: only around a call of Qt's that hands data to another thread
+// under Qt's own lock (posting an event), never around code of ours.
 #ifdef VELMORA_TSAN_ANNOTATIONS
 extern "C" void __tsan_acquire(void *address);
 extern "C" void __tsan_release(void *address);
+extern "C" void __tsan_ignore_thread_begin();
+extern "C" void __tsan_ignore_thread_end();
 inline void tsanAcquire(const void *address) { __tsan_acquire(const_cast<void *>(address)); }
 inline void tsanRelease(const void *address) { __tsan_release(const_cast<void *>(address)); }
+inline void tsanIgnoreBegin() { __tsan_ignore_thread_begin(); }
+inline void tsanIgnoreEnd() { __tsan_ignore_thread_end(); }
 #else
 inline void tsanAcquire(const void *) {}
 inline void tsanRelease(const void *) {}
+inline void tsanIgnoreBegin() {}
+inline void tsanIgnoreEnd() {}
 #endif
 
 #endif

@@ -99,7 +99,7 @@ char *AsynchronousClient::getCncCurrentError(long int selector)
     // The controller writes the file and clears the kind variable when done.
     writeVarLocked(kErrorFileChannelVar, qint32(selector / 10));
     writeVarLocked(kErrorFileKindVar, qint32(selector % 10 + 1));
-    QThread::msleep(kErrorFileWaitMs);
+    QThread::msleep(unsigned(m_errorFileWaitMs.load()));
     // A read that brings nothing counts as not written; in thread mode the
     // file-variable calls send nothing, so the answer there is '8'.
     qint32 kind = 1;

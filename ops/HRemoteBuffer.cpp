@@ -111,9 +111,12 @@ void HRemoteBuffer::scheduleDeletion()
     auto finish = [this, homeLoops] {
         wait();
         tsanAcquire(this);
-        if (homeLoops)
+        if (homeLoops) {
+            // The event goes to the home thread under Qt's queue lock.
+            tsanIgnoreBegin();
             deleteLater();
-        else
+            tsanIgnoreEnd();
+        } else
             delete this;
     };
     if (isFinished()) {

@@ -3,8 +3,9 @@
 # available): installs what is missing, configures, builds, then runs.
 #   scripts/velmora.sh demo   - build and run the main job (simulator on loopback)
 #   scripts/velmora.sh test   - build and run the whole test suite
-#   scripts/velmora.sh fuzz   - sanitizer build of the fuzz targets, 30 s each
-#   scripts/velmora.sh tsan   - ThreadSanitizer build running the thread and concurrency tests
+#   scripts/velmora.sh sanitize - the whole suite under AddressSanitizer + UBSan (clang)
+#   scripts/velmora.sh fuzz   - the fuzz targets from that same build, 30 s each
+#   scripts/velmora.sh tsan   - ThreadSanitizer build running the tests labelled `threads`
 #   scripts/velmora.sh setup  - only install packages, configure and build
 #   scripts/velmora.sh package - install into build/prefix; build and run the example hosts against it
 #   scripts/velmora.sh i386   - 32-bit build (build-i386) of the library, simulator and C-interface tests, run
@@ -61,13 +62,24 @@ case "${1:-demo}" in
     tb=${VELMORA_TSAN_BUILD_DIR:-$root/build-tsan}
     configure_and_build "$tb" -DVELMORA_TSAN=ON
     cd "$tb"
-    # Reports are failures; the Qt libraries themselves are not instrumented.
+    # Every report is a failure, and tsan_planted_race passes only when its
+    # race is reported. Not here: test_python (the interpreter cannot host
+    # the runtime: it crashes at start with it preloaded) and test_cli (two
+    # clients constructing their sockets at once meet in an unsymbolised
+    # cache of QtCore's meta-object code; see docs/reliability.md).
     TSAN_OPTIONS="suppressions=$root/tests/tsan.supp halt_on_error=1 second_deadlock_stack=1 ${TSAN_OPTIONS:-}" \
-      ctest --output-on-failure -L threads -j "$jobs" ;;
+      ctest --output-on-failure -L threads -E '^(test_python|test_cli)$' -j "$jobs" ;;
+  sanitize)
+    # One clang build for the suite and the fuzzers (fuzz reuses it).
+    sb=${VELMORA_SANITIZE_BUILD_DIR:-$root/build-san}
+    CC=clang CXX=clang++ configure_and_build "$sb" -DVELMORA_SANITIZE=ON -DVELMORA_FUZZ=ON
+    cd "$sb"
+    LSAN_OPTIONS="suppressions=$root/tests/lsan.supp ${LSAN_OPTIONS:-}" \
+    UBSAN_OPTIONS="print_stacktrace=1 halt_on_error=1 ${UBSAN_OPTIONS:-}" \
+      ctest --output-on-failure -j "$jobs" ;;
   fuzz)
-    fb=${VELMORA_FUZZ_BUILD_DIR:-$root/build-fuzz}
-    # Only the fuzz targets: the rest of the project is not needed under the sanitizers.
-    CC=clang CXX=clang++ cmake -S "$root" -B "$fb" -G Ninja -DVELMORA_FUZZ=ON -DVELMORA_SANITIZE=ON -DVELMORA_TESTS=OFF
+    fb=${VELMORA_SANITIZE_BUILD_DIR:-$root/build-san}
+    CC=clang CXX=clang++ cmake -S "$root" -B "$fb" -G Ninja -DVELMORA_SANITIZE=ON -DVELMORA_FUZZ=ON
     cmake --build "$fb" --target fuzzers -j "$jobs"
     for f in "$fb"/fuzz/fuzz_*; do
       [ -f "$f" ] && [ -x "$f" ] || continue
@@ -75,8 +87,8 @@ case "${1:-demo}" in
       corpus="$root/fuzz/corpus/${name#fuzz_}"
       work=$(mktemp -d)
       [ -d "$corpus" ] && cp -r "$corpus"/. "$work"/
-      echo "== $name (30 s)"
-      "$f" -max_total_time=30 -print_final_stats=1 "$work"
+      echo "== $name (${VELMORA_FUZZ_SECONDS:-30} s)"
+      "$f" -max_total_time="${VELMORA_FUZZ_SECONDS:-30}" -print_final_stats=1 "$work"
       rm -rf "$work"
     done ;;
   package)
@@ -85,5 +97,5 @@ case "${1:-demo}" in
   i386|mingw|coverage)
     VELMORA_JOBS=$jobs bash "$root/scripts/$1.sh" ;;
   *)
-    echo "usage: $0 demo|test|tsan|fuzz|setup|package|i386|mingw|coverage" >&2; exit 2 ;;
+    echo "usage: $0 demo|test|sanitize|fuzz|tsan|setup|package|i386|mingw|coverage" >&2; exit 2 ;;
 esac

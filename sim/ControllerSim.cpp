@@ -412,8 +412,14 @@ bool ControllerSim::parseFault(const QString &text, char *letter, int *sub, Faul
 
 QList<QByteArray> ControllerSim::requests() const
 {
+    // A list of its own: a shared one would leave the serving thread's next
+    // append to decide about detaching from a count it reads unordered.
     std::lock_guard<std::mutex> lock(d->mutex);
-    return d->record;
+    QList<QByteArray> out;
+    out.reserve(d->record.size());
+    for (const QByteArray &f : d->record)
+        out.append(f);
+    return out;
 }
 
 QList<QByteArray> ControllerSim::requests(char letter) const

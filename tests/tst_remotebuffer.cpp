@@ -526,7 +526,7 @@ void TestRemoteBuffer::openCloseLoop()
     QTRY_VERIFY_WITH_TIMEOUT(threadCount() <= threadsBefore, kWaitMs);
 // Not under the sanitizers: ASan keeps freed memory in quarantine (LeakSanitizer
 // checks instead), TSan keeps the history of every finished thread.
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#ifndef VELMORA_SANITIZED
     const qint64 growthKb = rssKb() - rssBefore;
     QVERIFY2(growthKb < 8 * 1024, qPrintable(QString::number(growthKb) + " kB"));
 #else

@@ -4,6 +4,7 @@
 // 0 or the library's status code of the first controller that failed, and
 // every message says what the code means. See usage() for the commands.
 #include "velmora.h"
+#include "velmora_prefixed.h"   // velmora_connect: a sanitizer runtime linked first has a `connect` too
 
 #include "AddressConversion.h"
 
@@ -239,7 +240,7 @@ struct Job {
     bool printAnyway = false;   // ... or even with a status
     std::string message;        // what went wrong, in words
     std::atomic<long long> progress{0};
-    long long total = 0;
+    std::atomic<long long> total{0};   // set by the job's thread, drawn by the main one
     std::chrono::steady_clock::time_point started;
 };
 
@@ -637,11 +638,11 @@ int Tool::run()
     for (Job &job : jobs) {
         threads.emplace_back([&, this] {
             job.started = std::chrono::steady_clock::now();
-            if (!connectFirst || connect(job.id)) {
+            if (!connectFirst || velmora_connect(job.id)) {
                 if (!watching) {
                     work(job);
                     if (connectFirst)
-                        disconnect(job.id);
+                        velmora_disconnect(job.id);
                 }
             } else {
                 job.status = StatusNotConnected;
@@ -657,7 +658,7 @@ int Tool::run()
         threads.clear();
         watch();
         for (Job &job : jobs)
-            disconnect(job.id);
+            velmora_disconnect(job.id);
     }
     // Never hang: a controller that stops making progress is given up on.
     auto lastProgress = std::chrono::steady_clock::now();
