@@ -2,6 +2,7 @@
 import os
 import re
 import shutil
+import signal
 import subprocess
 import tempfile
 import unittest
@@ -26,14 +27,25 @@ class ReadmeTest(unittest.TestCase):
                   .replace("build/", BINARY + "/"))
         if shutil.which("tshark") is None and os.environ.get("CI") != "true":
             script = script.replace("tshark ", ": ")   # the rest still runs
-        r = subprocess.run(["bash", "-e", "-c", script], cwd=SOURCE, capture_output=True, text=True, timeout=120)
-        self.assertEqual(r.returncode, 0, r.stderr)
+        # In a process group of its own, killed whatever happens, so a failed
+        # or timed-out run leaves no simulator behind on the address.
+        p = subprocess.Popen(["bash", "-e", "-c", script], cwd=SOURCE, stdout=subprocess.PIPE,
+                             stderr=subprocess.PIPE, text=True, start_new_session=True)
+        try:
+            out, err = p.communicate(timeout=120)
+        finally:
+            try:
+                os.killpg(p.pid, signal.SIGKILL)
+            except ProcessLookupError:
+                pass
+            p.wait()
+        self.assertEqual(p.returncode, 0, err)
         # What the README's comments promise, in order.
         expected = ["velmora-sim listening on %s:60000" % ADDRESS, "cnc\tusr5\tusr6", ADDRESS + "\t42\t0", ADDRESS + "\tok", ADDRESS + "\tok\t14 bytes",
                     ADDRESS + "\tok", ADDRESS + "\tO1", "[42, -7]", "O1",
                     "velmora-sim stopped"]
-        lines = r.stdout.splitlines()
-        self.assertEqual(lines[:len(expected)], expected, r.stdout)
+        lines = out.splitlines()
+        self.assertEqual(lines[:len(expected)], expected, out)
         if shutil.which("tshark"):
             decoded = "\n".join(lines[len(expected):])
             self.assertIn("Read variables reply: 1000005=42 1000006=0", decoded)
