@@ -1,0 +1,694 @@
+// The library through its C interface beside a raw blocking socket doing the
+// same frames, both against the same minimal server (MiniServer, a forked
+// process with blocking sockets, not the simulator) in the same run, the
+// whole run pinned to one CPU. Prints same-run ratios; see bench/README.md.
+//
+//   bench_velmora [--address A] [--rounds R] [--quick] [--only TEXT] [--log FILE]
+#include "velmora_prefixed.h"
+
+#include "MiniServer.h"
+#include "RawClient.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+namespace {
+
+struct Options {
+    std::string address = "127.0.0.240";
+    int rounds = 5;
+    bool quick = false;
+    std::string only;
+    std::string log;
+};
+
+Options g_options;
+MiniServer g_server;
+
+std::int64_t nowNs()
+{
+    timespec t;
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    return std::int64_t(t.tv_sec) * 1000000000 + t.tv_nsec;
+}
+
+void sleepMs(int ms)
+{
+    timespec t{ ms / 1000, long(ms % 1000) * 1000000L };
+    while (nanosleep(&t, &t) != 0 && errno == EINTR) {
+    }
+}
+
+double cpuSeconds()
+{
+    rusage u;
+    getrusage(RUSAGE_SELF, &u);
+    return double(u.ru_utime.tv_sec + u.ru_stime.tv_sec) + (u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
+}
+
+double median(std::vector<double> v)
+{
+    if (v.empty())
+        return 0;
+    std::sort(v.begin(), v.end());
+    return v[v.size() / 2];
+}
+
+bool selected(const char *name)
+{
+    return g_options.only.empty() || std::string(name).find(g_options.only) != std::string::npos;
+}
+
+int scaled(int calls)
+{
+    return g_options.quick ? std::max(3, calls / 10) : calls;
+}
+
+// The timed loops, one per side, kept out of line so that callgrind can
+// count each side alone (--toggle-collect=runLibrary / runRaw). Median
+// nanoseconds of one call, or -1 when a call failed.
+double timeCalls(int calls, const std::function<bool()> &call)
+{
+    std::vector<double> ns;
+    ns.reserve(size_t(calls));
+    for (int i = 0; i < calls; ++i) {
+        const std::int64_t start = nowNs();
+        if (!call())
+            return -1;
+        ns.push_back(double(nowNs() - start));
+    }
+    return median(ns);
+}
+
+#if defined(__clang__)
+#  define BENCH_OUT_OF_LINE __attribute__((noinline))
+#else
+#  define BENCH_OUT_OF_LINE __attribute__((noipa))   // also never folded into its twin
+#endif
+
+BENCH_OUT_OF_LINE double runLibrary(int calls, const std::function<bool()> &call)
+{
+    return timeCalls(calls, call);
+}
+
+BENCH_OUT_OF_LINE double runRaw(int calls, const std::function<bool()> &call)
+{
+    return timeCalls(calls, call);
+}
+
+struct Comparison {
+    double library = 0;   // median ns per call over the rounds
+    double raw = 0;
+    double ratio = 0;     // median of the rounds' library / raw
+    double low = 0;
+    double high = 0;
+    bool ok = false;
+};
+
+// Rounds of `calls` calls on each side, the order alternating, after a
+// warm-up of each.
+Comparison compare(int calls, const std::function<bool()> &library, const std::function<bool()> &raw)
+{
+    Comparison c;
+    for (int i = 0; i < std::max(1, calls / 10); ++i)
+        if (!library() || !raw())
+            return c;
+    std::vector<double> lib, floor, ratios;
+    for (int round = 0; round < g_options.rounds; ++round) {
+        double l, r;
+        if (round % 2 == 0) {
+            l = runLibrary(calls, library);
+            r = runRaw(calls, raw);
+        } else {
+            r = runRaw(calls, raw);
+            l = runLibrary(calls, library);
+        }
+        if (l < 0 || r <= 0)
+            return c;
+        lib.push_back(l);
+        floor.push_back(r);
+        ratios.push_back(l / r);
+    }
+    c.library = median(lib);
+    c.raw = median(floor);
+    c.ratio = median(ratios);
+    c.low = *std::min_element(ratios.begin(), ratios.end());
+    c.high = *std::max_element(ratios.begin(), ratios.end());
+    c.ok = true;
+    return c;
+}
+
+void header(const char *title)
+{
+    std::printf("\n%s\n", title);
+}
+
+// One line of a time comparison: lower is better, the goal is a ceiling.
+void timeLine(const char *name, const Comparison &c, double goal)
+{
+    if (!c.ok) {
+        std::printf("  %-34s FAILED\n", name);
+        return;
+    }
+    std::printf("  %-34s %10.1f us %10.1f us   ratio %5.2f (%.2f-%.2f)   goal <= %.2f %s\n", name, c.library / 1e3,
+                c.raw / 1e3, c.ratio, c.low, c.high, goal, c.ratio <= goal ? "met" : "NOT MET");
+}
+
+// One line of a rate comparison: the library's share of the floor's rate.
+void rateLine(const char *name, const Comparison &c, double bytes, double goal)
+{
+    if (!c.ok) {
+        std::printf("  %-34s FAILED\n", name);
+        return;
+    }
+    const double share = 1.0 / c.ratio;
+    std::printf("  %-34s %8.2f MB/s %8.2f MB/s   share %5.2f (%.2f-%.2f)   goal >= %.2f %s\n", name,
+                bytes / c.library * 1e3, bytes / c.raw * 1e3, share, 1.0 / c.high, 1.0 / c.low, goal,
+                share >= goal ? "met" : "NOT MET");
+}
+
+std::string pattern(int length)
+{
+    std::string text(size_t(length), '\0');
+    for (int i = 0; i < length; ++i)
+        text[size_t(i)] = char('A' + i % 26);
+    return text;
+}
+
+std::vector<long> addressRange(long first, int count)
+{
+    std::vector<long> a(static_cast<size_t>(count));
+    for (int i = 0; i < count; ++i)
+        a[size_t(i)] = first + i;
+    return a;
+}
+
+// ---------------------------------------------------------------- direct calls
+
+const int kMain = 1;   // the controller of the direct-mode measures
+
+void directCalls()
+{
+    if (!selected("readVars 64") && !selected("readVars 1000") && !selected("writeVars 31")
+        && !selected("CheckTcpWdt"))
+        return;
+    RawClient raw;
+    RawClient modbus;
+    if (!raw.open(g_options.address.c_str(), MiniServer::kPort)
+        || !modbus.open(g_options.address.c_str(), MiniServer::kModbusPort)) {
+        std::printf("raw client cannot connect\n");
+        return;
+    }
+    header("Direct calls (median per call; library through the C interface, raw = blocking socket, same frames)");
+    const std::vector<long> addresses = addressRange(1000000, 1000);
+    std::vector<long> values(1000), rawValues(1000);
+    auto readVars = [&](int n) {
+        return [&, n] {
+            return velmora_readVars(const_cast<long *>(addresses.data()), n, values.data(), kMain) == 0
+                && values[size_t(n - 1)] == addresses[size_t(n - 1)];
+        };
+    };
+    auto rawRead = [&](int n) { return [&, n] { return raw.readVars(addresses.data(), n, rawValues.data()); }; };
+    Comparison read1000;
+    if (selected("readVars 64"))
+        timeLine("readVars 64", compare(scaled(4000), readVars(64), rawRead(64)), 1.2);
+    if (selected("readVars 1000")) {
+        read1000 = compare(scaled(400), readVars(1000), rawRead(1000));
+        timeLine("readVars 1000", read1000, 1.2);
+    }
+    if (selected("readVars 1000")) {
+        // A Modbus-TCP-style read of 124 registers per request on the same
+        // server: its raw floor per variable is below any client of it.
+        std::uint16_t registers[124];
+        auto modbusRead = [&] { return modbus.readRegisters(0, 124, registers); };
+        std::vector<double> floor;
+        for (int round = 0; round < g_options.rounds; ++round)
+            floor.push_back(runRaw(scaled(4000), modbusRead));
+        if (*std::min_element(floor.begin(), floor.end()) > 0 && read1000.ok) {
+            const double perVariable = read1000.library / 1000;
+            const double per32 = median(floor) / 62;
+            const double per16 = median(floor) / 124;
+            std::printf("  %-34s %10.1f ns per 32-bit variable (library, readVars 1000)\n", "per variable", perVariable);
+            std::printf("  %-34s %10.1f ns per 32-bit variable (2 registers), %.1f ns per 16-bit register\n",
+                        "Modbus-TCP raw floor, 124 reg.", per32, per16);
+            std::printf("  %-34s library / Modbus floor: %.2f per 32-bit variable %s, %.2f per register %s\n", "",
+                        perVariable / per32, perVariable < per32 ? "(faster)" : "(slower)", perVariable / per16,
+                        perVariable < per16 ? "(faster)" : "(slower)");
+            std::printf("  %-34s a library faster per variable than this raw floor is faster than any client\n"
+                        "  %-34s of that protocol on the same server\n", "", "");
+        }
+    }
+    if (selected("writeVars 31")) {
+        timeLine("writeVars 31",
+                 compare(scaled(4000),
+                         [&] {
+                             return velmora_writeVars(const_cast<long *>(addresses.data()), 31, values.data(), kMain)
+                                 == 0;
+                         },
+                         [&] { return raw.writeVars(addresses.data(), 31, values.data()); }),
+                 1.1);
+    }
+    if (selected("CheckTcpWdt"))
+        timeLine("CheckTcpWdt (its two lines logged)",
+                 compare(scaled(4000), [] { return velmora_CheckTcpWdt(kMain) == 0; }, [&] { return raw.watchdog(); }),
+                 1.25);
+}
+
+// ---------------------------------------------------------------- file upload
+
+bool rawUpload(RawClient &raw, const std::string &text)
+{
+    // The library's frames: set file, overwrite of the first 400 bytes,
+    // appends of 400 (an empty one after an exact multiple), file end.
+    if (!raw.setFile(1, 3, "RAW"))
+        return false;
+    const int size = int(text.size());
+    int at = std::min(400, size);
+    if (!raw.text(true, text.data(), at))
+        return false;
+    if (at == 400) {
+        for (;;) {
+            const int n = std::min(400, size - at);
+            if (!raw.text(false, text.data() + at, n))
+                return false;
+            at += n;
+            if (n < 400)
+                break;
+        }
+    }
+    return raw.fileEnd();
+}
+
+void upload()
+{
+    if (!selected("uploadFile 64 kB") && !selected("uploadFile 1 MB"))
+        return;
+    RawClient raw;
+    if (!raw.open(g_options.address.c_str(), MiniServer::kPort))
+        return;
+    header("uploadFile into DNC memory (share of the raw 400-byte chunk floor's rate)");
+    const struct { const char *name; int size; int calls; } rows[] = {
+        { "uploadFile 64 kB", 64 * 1024, 20 },
+        { "uploadFile 1 MB", 1024 * 1024, 3 },
+    };
+    for (const auto &row : rows) {
+        if (!selected(row.name))
+            continue;
+        std::string text = pattern(row.size);
+        std::string copy = text;
+        char name[] = "BENCH";
+        const Comparison c = compare(
+            std::max(2, scaled(row.calls)),
+            [&] { return velmora_uploadFile(2, 1, name, &copy[0], kMain) == 0; },
+            [&] { return rawUpload(raw, text); });
+        rateLine(row.name, c, row.size, 0.9);
+    }
+}
+
+// ---------------------------------------------------------------- remote buffer
+
+const int kBufferChannel = 2;
+const int kStreamPiece = 479;   // the largest write that goes out whole
+const int kBurstWrites = 8;
+
+void *openIdleBuffer()
+{
+    void *h = velmora_bufOpen(const_cast<char *>(g_options.address.c_str()), 1, kBufferChannel);
+    for (int i = 0; i < 5000 && velmora_getBufState(h) != 5; ++i)
+        sleepMs(1);
+    return h;
+}
+
+// Streams `total` bytes in writes of kStreamPiece, `burst` writes at a time
+// (0: as fast as the buffer's room allows) until the server has them all.
+bool libraryStream(int total, int burst)
+{
+    void *h = openIdleBuffer();
+    if (velmora_getBufState(h) != 5) {
+        velmora_bufClose(h);
+        return false;
+    }
+    std::string piece = pattern(kStreamPiece);
+    const std::uint64_t base = g_server.counters().textBytes.load();
+    bool ok = true;
+    int inBurst = 0;
+    for (int written = 0; written < total && ok;) {
+        const int n = std::min(kStreamPiece, total - written);
+        std::string text = piece.substr(0, size_t(n));
+        if (velmora_getBufValidCnt(h) < 480 || !velmora_bufWrite(h, &text[0])) {
+            sleepMs(1);   // the queue is full: let the buffer's thread send
+            continue;
+        }
+        written += n;
+        if (burst > 0 && ++inBurst == burst) {
+            inBurst = 0;
+            ok = g_server.waitText(base + std::uint64_t(written), 10000);
+        }
+    }
+    ok = ok && g_server.waitText(base + std::uint64_t(total), 60000);
+    velmora_bufClose(h);
+    return ok;
+}
+
+bool rawStream(RawClient &raw, int total)
+{
+    const std::string piece = pattern(kStreamPiece);
+    for (int written = 0; written < total;) {
+        const int n = std::min(kStreamPiece, total - written);
+        if (!raw.text(false, piece.data(), n))
+            return false;
+        written += n;
+    }
+    return true;
+}
+
+// The send-next wait: every 20th text request is answered "busy"; the
+// buffer then waits 50 ms before each send-next.
+void sendNextWaits()
+{
+    const int busyTotal = g_options.quick ? 48 * 1024 : 192 * 1024;
+    double plainCpu = cpuSeconds();
+    libraryStream(busyTotal, 0);
+    plainCpu = cpuSeconds() - plainCpu;
+    g_server.counters().busyEvery.store(20);
+    const std::uint64_t busyBefore = g_server.counters().busyReplies.load();
+    double busyCpu = cpuSeconds();
+    const std::int64_t start = nowNs();
+    libraryStream(busyTotal, 0);
+    const double wall = (nowNs() - start) / 1e9;
+    busyCpu = cpuSeconds() - busyCpu;
+    g_server.counters().busyEvery.store(0);
+    const double waits = double(g_server.counters().busyReplies.load() - busyBefore);
+    if (waits > 0)
+        std::printf("  %-34s %.0f busy replies in %.2f s: %.3f ms of CPU per 50 ms send-next wait\n",
+                    "buffer send-next waits", waits, wall, std::max(0.0, busyCpu - plainCpu) * 1e3 / waits);
+}
+
+// An open buffer with nothing to send.
+void idleBuffer()
+{
+    void *h = openIdleBuffer();
+    sleepMs(300);
+    const double cpu0 = cpuSeconds();
+    const std::int64_t t0 = nowNs();
+    sleepMs(g_options.quick ? 1000 : 3000);
+    const double share = (cpuSeconds() - cpu0) / ((nowNs() - t0) / 1e9);
+    std::printf("  %-34s %.4f %% of a core (whole process)   goal < 0.05 %% %s\n", "buffer idle (open, nothing to send)", 100 * share,
+                100 * share < 0.05 ? "met" : "NOT MET");
+    velmora_bufClose(h);
+    sleepMs(400);   // its thread ends after its 200 ms tail
+}
+
+void remoteBuffer()
+{
+    if (!selected("buffer continuous") && !selected("buffer bursts") && !selected("buffer send-next")
+        && !selected("buffer idle"))
+        return;
+    RawClient raw;
+    if (!raw.open(g_options.address.c_str(), MiniServer::kPort) || !raw.setFile(kBufferChannel, 1, "DNC"))
+        return;
+    header("Remote buffer, DNC mode, 1 MB in 479-byte writes (share of the raw floor's rate)");
+    const int total = g_options.quick ? 256 * 1024 : 1024 * 1024;
+    if (selected("buffer continuous"))
+        rateLine("buffer continuous", compare(1, [&] { return libraryStream(total, 0); },
+                                              [&] { return rawStream(raw, total); }),
+                 total, 0.9);
+    if (selected("buffer bursts"))
+        rateLine("buffer bursts of 8 writes", compare(1, [&] { return libraryStream(total, kBurstWrites); },
+                                                      [&] { return rawStream(raw, total); }),
+                 total, 0.7);
+    if (selected("buffer send-next"))
+        sendNextWaits();
+    if (selected("buffer idle"))
+        idleBuffer();
+}
+
+// ---------------------------------------------------------------- thread mode
+
+const int kThreaded = 2;
+
+void threadMode()
+{
+    if (!selected("thread mode 10,000 variables") && !selected("thread mode idle client"))
+        return;
+    char *address = const_cast<char *>(g_options.address.c_str());
+    if (!velmora_addTargetCnc(kThreaded, 0, address, 1) || !velmora_connect(kThreaded)) {
+        std::printf("thread-mode client cannot connect\n");
+        return;
+    }
+    RawClient raw;
+    if (!raw.open(g_options.address.c_str(), MiniServer::kPort))
+        return;
+    header("Thread mode (variables polled per second; raw = the same 62-variable frames back to back)");
+    const int count = 10000;
+    std::vector<long> addresses = addressRange(1000000, count);
+    std::vector<long> values(static_cast<size_t>(count));
+    const int ms = g_options.quick ? 300 : 1000;
+    std::vector<double> lib, floor, shares;
+    for (int round = 0; selected("thread mode 10,000 variables") && round < std::max(1, g_options.rounds / 2);
+         ++round) {
+        velmora_registerVars(addresses.data(), count, kThreaded);
+        sleepMs(100);
+        const std::uint64_t v0 = g_server.counters().values.load();
+        std::int64_t t0 = nowNs();
+        sleepMs(ms);
+        const double libRate = (g_server.counters().values.load() - v0) / ((nowNs() - t0) / 1e9);
+        velmora_clearVars(kThreaded);
+        sleepMs(20);
+        t0 = nowNs();
+        std::uint64_t polled = 0;
+        while (nowNs() - t0 < std::int64_t(ms) * 1000000) {
+            if (!raw.readVars(addresses.data(), count, values.data(), 62))
+                return;
+            polled += std::uint64_t(count);
+        }
+        const double rawRate = polled / ((nowNs() - t0) / 1e9);
+        lib.push_back(libRate);
+        floor.push_back(rawRate);
+        shares.push_back(libRate / rawRate);
+    }
+    if (!shares.empty()) {
+        const double share = median(shares);
+        std::printf("  %-34s %10.0f /s %10.0f /s   share %5.2f   goal >= 0.50 %s\n", "thread mode 10,000 variables",
+                    median(lib), median(floor), share, share >= 0.5 ? "met" : "NOT MET");
+    }
+
+    // Connected, nothing registered, nothing queued.
+    if (!selected("thread mode idle client")) {
+        velmora_removeTargetCnc(kThreaded);
+        return;
+    }
+    sleepMs(200);
+    const double cpu0 = cpuSeconds();
+    const std::int64_t t0 = nowNs();
+    sleepMs(g_options.quick ? 1000 : 3000);
+    const double idle = (cpuSeconds() - cpu0) / ((nowNs() - t0) / 1e9);
+    std::printf("  %-34s %.4f %% of a core (whole process)\n", "thread mode idle client", 100 * idle);
+    velmora_removeTargetCnc(kThreaded);
+}
+
+// ---------------------------------------------------------------- many controllers
+
+struct ProcessCounts {
+    long threads = 0;
+    long fds = 0;
+    long rssKb = 0;
+};
+
+ProcessCounts processCounts()
+{
+    ProcessCounts p;
+    if (FILE *f = std::fopen("/proc/self/status", "r")) {
+        char line[256];
+        while (std::fgets(line, sizeof line, f)) {
+            if (!std::strncmp(line, "Threads:", 8))
+                p.threads = std::atol(line + 8);
+            else if (!std::strncmp(line, "VmRSS:", 6))
+                p.rssKb = std::atol(line + 6);
+        }
+        std::fclose(f);
+    }
+    if (DIR *d = opendir("/proc/self/fd")) {
+        while (dirent *e = readdir(d))
+            p.fds += e->d_name[0] != '.';
+        closedir(d);
+        --p.fds;   // the directory's own
+    }
+    return p;
+}
+
+void manyControllers()
+{
+    if (!selected("200 controllers"))
+        return;
+    header("200 controllers from one process (main, program and one channel client each)");
+    char *address = const_cast<char *>(g_options.address.c_str());
+    const int first = 1000;
+    const int total = 200;
+    const ProcessCounts before = processCounts();
+    ProcessCounts at10;
+    for (int i = 0; i < total; ++i) {
+        if (!velmora_addTargetCnc(first + i, 1, address, 0) || !velmora_connect(first + i)) {
+            std::printf("controller %d cannot connect\n", i);
+            return;
+        }
+        if (i == 9)
+            at10 = processCounts();
+    }
+    const ProcessCounts after = processCounts();
+    auto per = [](long a, long b, int n) { return double(a - b) / n; };
+    std::printf("  %-34s %6.1f threads %6.1f fds %8.1f kB each\n", "first 10 controllers",
+                per(at10.threads, before.threads, 10), per(at10.fds, before.fds, 10),
+                per(at10.rssKb, before.rssKb, 10));
+    std::printf("  %-34s %6.1f threads %6.1f fds %8.1f kB each\n", "all 200 controllers",
+                per(after.threads, before.threads, total), per(after.fds, before.fds, total),
+                per(after.rssKb, before.rssKb, total));
+
+    // The cost of a call spread over 200 connections (colder caches, 200
+    // server threads) against one, for the library and for raw sockets.
+    std::vector<long> addresses = addressRange(1000000, 64);
+    std::vector<long> values(64);
+    std::vector<RawClient> raws(static_cast<size_t>(total));
+    for (RawClient &raw : raws)
+        if (!raw.open(g_options.address.c_str(), MiniServer::kPort))
+            return;
+    int next = 0;
+    int nextRaw = 0;
+    const Comparison lib = compare(
+        scaled(2000),
+        [&] {
+            next = (next + 1) % total;
+            return velmora_readVars(addresses.data(), 64, values.data(), first + next) == 0;
+        },
+        [&] { return velmora_readVars(addresses.data(), 64, values.data(), first) == 0; });
+    const Comparison raw = compare(
+        scaled(2000),
+        [&] {
+            nextRaw = (nextRaw + 1) % total;
+            return raws[size_t(nextRaw)].readVars(addresses.data(), 64, values.data());
+        },
+        [&] { return raws[0].readVars(addresses.data(), 64, values.data()); });
+    if (lib.ok && raw.ok) {
+        std::printf("  %-34s %10.1f us %10.1f us   200 / 1: %5.2f\n", "readVars 64, library, 200 vs 1",
+                    lib.library / 1e3, lib.raw / 1e3, lib.ratio);
+        std::printf("  %-34s %10.1f us %10.1f us   200 / 1: %5.2f\n", "readVars 64, raw, 200 vs 1",
+                    raw.library / 1e3, raw.raw / 1e3, raw.ratio);
+    }
+    for (int i = 0; i < total; ++i)
+        velmora_removeTargetCnc(first + i);
+}
+
+// ---------------------------------------------------------------- main
+
+bool parse(int argc, char **argv)
+{
+    for (int i = 1; i < argc; ++i) {
+        const std::string arg = argv[i];
+        const bool hasValue = i + 1 < argc;
+        if (arg == "--address" && hasValue)
+            g_options.address = argv[++i];
+        else if (arg == "--rounds" && hasValue)
+            g_options.rounds = std::max(1, std::atoi(argv[++i]));
+        else if (arg == "--only" && hasValue)
+            g_options.only = argv[++i];
+        else if (arg == "--log" && hasValue)
+            g_options.log = argv[++i];
+        else if (arg == "--quick")
+            g_options.quick = true;
+        else
+            return false;
+    }
+    return true;
+}
+
+int pinToOneCpu()
+{
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    if (sched_getaffinity(0, sizeof set, &set) != 0)
+        return -1;
+    int cpu = 0;
+    while (cpu < CPU_SETSIZE && !CPU_ISSET(cpu, &set))
+        ++cpu;
+    CPU_ZERO(&set);
+    CPU_SET(cpu, &set);
+    return sched_setaffinity(0, sizeof set, &set) == 0 ? cpu : -1;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    if (!parse(argc, argv)) {
+        std::fprintf(stderr,
+                     "usage: bench_velmora [--address A] [--rounds R] [--quick] [--only TEXT] [--log FILE]\n"
+                     "  --only runs the measures whose name contains TEXT (\"readVars\", \"buffer\",\n"
+                     "  \"thread mode\", \"200 controllers\", \"readVars 64\", ...)\n");
+        return 2;
+    }
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    // 200 controllers hold about 1200 descriptors.
+    rlimit files;
+    if (getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max) {
+        files.rlim_cur = files.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &files);
+    }
+    // Pinned before anything starts: the server process and every thread of
+    // the library inherit the CPU.
+    const int cpu = pinToOneCpu();
+    char dir[] = "/tmp/bench_velmora_XXXXXX";
+    if (!mkdtemp(dir) || chdir(dir) != 0) {
+        std::fprintf(stderr, "cannot make a working directory\n");
+        return 1;
+    }
+    // The library's messages (CheckTcpWdt's two lines per call among them)
+    // go through Qt's default output, stderr, here into a regular file as
+    // with a host whose output is logged.
+    const std::string log = g_options.log.empty() ? std::string(dir) + "/messages.log" : g_options.log;
+    const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    if (fd < 0 || dup2(fd, 2) < 0) {
+        std::printf("cannot open %s\n", log.c_str());
+        return 1;
+    }
+    close(fd);
+    if (!g_server.start(g_options.address.c_str())) {
+        std::printf("the minimal server cannot listen on %s\n", g_options.address.c_str());
+        return 1;
+    }
+    std::printf("bench_velmora: pinned to CPU %d; minimal server pid %d on %s; %d rounds, medians; "
+                "library messages to %s\n",
+                cpu, int(g_server.pid()), g_options.address.c_str(), g_options.rounds, log.c_str());
+
+    char *address = const_cast<char *>(g_options.address.c_str());
+    if (!velmora_addTargetCnc(kMain, 1, address, 0) || !velmora_connect(kMain)) {
+        std::printf("cannot connect to the minimal server\n");
+        return 1;
+    }
+    directCalls();
+    upload();
+    remoteBuffer();
+    threadMode();
+    manyControllers();
+    velmora_removeTargetCnc(kMain);
+    g_server.stop();
+    if (g_options.log.empty()) {
+        unlink(log.c_str());
+    }
+    std::string logs = std::string(dir) + "/logs";
+    rmdir(logs.c_str());
+    rmdir(dir);
+    return 0;
+}
