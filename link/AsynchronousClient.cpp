@@ -60,6 +60,25 @@ bool fitsWord(long int value)
 #endif
 }
 
+// Whether an address occurs twice: an open-addressing set in `seen`
+// (addresses + 1, 0 = free), in time linear in the count.
+bool hasRepeats(const std::vector<qint32> &addresses, std::vector<qint32> &seen)
+{
+    int bits = 4;
+    while ((size_t(1) << bits) < 2 * addresses.size())
+        ++bits;
+    seen.assign(size_t(1) << bits, 0);
+    const quint32 mask = (quint32(1) << bits) - 1;
+    for (const qint32 address : addresses) {
+        quint32 i = (quint32(address) * 0x9E3779B1u) >> (32 - bits);
+        for (; seen[i] != 0; i = (i + 1) & mask)
+            if (seen[i] == address + 1)
+                return true;
+        seen[i] = address + 1;
+    }
+    return false;
+}
+
 bool allValid(const long int *addresses, int count)
 {
     for (int i = 0; i < count; ++i)
@@ -474,8 +493,10 @@ int AsynchronousClient::handleReply(const QByteArray &reply)
 QByteArray AsynchronousClient::scheduleStep()
 {
     m_sentIsPoll = false;
+    m_sentResults = nullptr;
     if (!m_threadOutgoing.isEmpty()) {
-        m_sentAddresses = m_threadOutgoingAddresses.takeFirst();
+        const QVector<qint32> addresses = m_threadOutgoingAddresses.takeFirst();
+        m_sentAddresses.assign(addresses.begin(), addresses.end());
         return m_threadOutgoing.takeFirst();
     }
     if (m_schedulerKind == 1 || m_queue.isEmpty()) {
@@ -489,6 +510,7 @@ QByteArray AsynchronousClient::scheduleStep()
         if (!frame.isEmpty()) {
             m_schedulerKind = 1;
             m_sentAddresses.clear();
+            m_sentResults = nullptr;
             return frame;
         }
     }
@@ -499,9 +521,9 @@ QByteArray AsynchronousClient::pollSlice()
 {
     QList<qint32> keys;
     keys.reserve(m_values.size());
-    for (auto it = m_values.constBegin(); it != m_values.constEnd(); ++it)
-        if (isValidAddress(it.key()))
-            keys.append(it.key());
+    for (int i = 0; i < m_values.size(); ++i)
+        if (isValidAddress(m_values.at(i).address))
+            keys.append(m_values.at(i).address);
     if (keys.isEmpty()) {
         m_pollPosition = -1;
         return QByteArray();
@@ -515,7 +537,7 @@ QByteArray AsynchronousClient::pollSlice()
     const int length = m_pollBuilder.buildReadVars(slice);
     if (length <= 0)
         return QByteArray();
-    m_sentAddresses = slice;
+    m_sentAddresses.assign(slice.begin(), slice.end());
     m_sentIsPoll = true;
     return QByteArray(reinterpret_cast<const char *>(m_pollSendBuf), length);
 }
@@ -547,8 +569,8 @@ QMap<qint32, qint32> AsynchronousClient::valueMap() const
     // decide about detaching from a reference count it reads unordered.
     QMap<qint32, qint32> copy;
     std::unique_lock<std::mutex> lock(m_dataMutex);
-    for (auto it = m_values.constBegin(); it != m_values.constEnd(); ++it)
-        copy.insert(copy.constEnd(), it.key(), it.value());
+    for (int i = 0; i < m_values.size(); ++i)
+        copy.insert(copy.constEnd(), m_values.at(i).address, m_values.at(i).value);
     return copy;
 }
 
@@ -662,6 +684,7 @@ bool AsynchronousClient::exchangeNext()
         while (!m_queue.isEmpty() && m_outgoing.isEmpty())
             m_outgoing = m_queue.takeFirst();
         m_sentAddresses.clear();
+        m_sentResults = nullptr;
         m_sentIsPoll = false;
     }
     return exchange();
@@ -763,18 +786,21 @@ void AsynchronousClient::onRecCmdReadVars(int error, const qint32 *values, int c
     }
     m_errorFlag.store(0);
     std::unique_lock<std::mutex> lock(m_dataMutex);
-    if (count != m_sentAddresses.size() || (count > 0 && !values)) {
+    if (count != int(m_sentAddresses.size()) || (count > 0 && !values)) {
         lock.unlock();
         if (debugErrors())
             qDebug() << "parameters error.";
         return;
     }
     for (int i = 0; i < count; ++i) {
-        const qint32 address = m_sentAddresses.at(i);
         // A poll reply must not bring back a variable removed meanwhile.
-        if (!m_sentIsPoll || m_values.contains(address))
-            m_values.insert(address, values[i]);
+        if (m_sentIsPoll)
+            m_values.update(m_sentAddresses[size_t(i)], values[i]);
+        else
+            m_values.store(m_sentAddresses[size_t(i)], values[i]);
     }
+    if (m_sentResults)
+        std::copy(values, values + count, m_sentResults);
 }
 
 void AsynchronousClient::onRecCmdWriteVars(int error)
@@ -810,24 +836,33 @@ bool AsynchronousClient::varArgumentsOk(const char *signature, long int *address
     return false;
 }
 
-long int AsynchronousClient::sendVarFrame(const QByteArray &frame, const QList<qint32> &addresses)
+long int AsynchronousClient::sendVarFrame(const QByteArray &frame, const qint32 *addresses, int count,
+                                          qint32 *results)
 {
     if (!isDirectMode()) {
         {
             std::unique_lock<std::mutex> data(m_dataMutex);
             m_threadOutgoing.append(frame);
-            m_threadOutgoingAddresses.append(addresses);
+            QVector<qint32> sent(count);
+            std::copy(addresses, addresses + count, sent.begin());
+            m_threadOutgoingAddresses.append(sent);
         }
         wakeLoop();
         return StatusOk;
     }
     {
         std::unique_lock<std::mutex> data(m_dataMutex);
-        m_sentAddresses = addresses;
+        m_sentAddresses.assign(addresses, addresses + count);
+        m_sentResults = results;
         m_sentIsPoll = false;
     }
     m_outgoing = frame;
-    if (!exchange())
+    const bool replied = exchange();
+    {
+        std::unique_lock<std::mutex> data(m_dataMutex);
+        m_sentResults = nullptr;
+    }
+    if (!replied)
         return StatusNoReply;
     return m_errorFlag.load() ? StatusErrorReply : StatusOk;
 }
@@ -841,37 +876,49 @@ long int AsynchronousClient::readVarsImpl(const char *signature, long int *addre
     const int limit = maxRdVar();
     if (!varArgumentsOk(signature, addresses, count, values, singleFrame ? limit : count))
         return StatusParError;
+    // When no address repeats, each value read is the one the map holds for
+    // its address and goes straight to its place in the result.
+    bool ascending = true;
+    m_request.resize(size_t(count));
+    for (int i = 0; i < count; ++i) {
+        m_request[size_t(i)] = qint32(addresses[i]);
+        ascending = ascending && (i == 0 || m_request[size_t(i)] > m_request[size_t(i - 1)]);
+    }
+    const bool direct = isDirectMode();
+    if (direct)
+        m_results.assign(size_t(count), 0);
     {
         // Registered variables are dropped here on purpose: the map is also
         // the result table of this call.
         std::unique_lock<std::mutex> data(m_dataMutex);
         m_values.clear();
-        m_pending.clear();
         m_outgoing.clear();
         m_threadOutgoing.clear();
         m_threadOutgoingAddresses.clear();
-        m_pending.reserve(count);
-        for (int i = 0; i < count; ++i)
-            m_pending.append(qint32(addresses[i]));
     }
     long int status = StatusOk;
-    while (!m_pending.isEmpty()) {
-        const QList<qint32> slice = m_pending.mid(0, limit);
-        m_currentRdAddressFlag = m_pending.size() > limit;
-        m_pending.erase(m_pending.begin(), m_pending.begin() + slice.size());
+    for (int done = 0; done < count;) {
+        const int n = qMin(limit, count - done);
+        m_currentRdAddressFlag = count - done > limit;
         if (debugDetails())
             qDebug() << "currentRdAddressFlag =" << m_currentRdAddressFlag << "maxRdVar =" << limit;
-        const long int sent = sendVarFrame(builtFrame(buildReadVars(slice)), slice);
-        if (sent == StatusNoReply) {
-            m_pending.clear();
+        const qint32 *slice = m_request.data() + done;
+        const long int sent = sendVarFrame(builtFrame(buildReadVars(slice, n)), slice, n,
+                                           direct ? m_results.data() + done : nullptr);
+        done += n;
+        if (sent == StatusNoReply)
             return StatusNoReply;
-        }
         if (sent != StatusOk)
             status = sent;
     }
+    if (direct && (ascending || !hasRepeats(m_request, m_seen))) {
+        for (int i = 0; i < count; ++i)
+            values[i] = m_results[size_t(i)];
+        return status;
+    }
     std::unique_lock<std::mutex> data(m_dataMutex);
     for (int i = 0; i < count; ++i)
-        values[i] = m_values.value(qint32(addresses[i]), 0);
+        values[i] = m_values.value(m_request[size_t(i)]);
     return status;
 }
 
@@ -919,7 +966,7 @@ long int AsynchronousClient::writeVarsImpl(const char *signature, long int *addr
         const QByteArray frame = builtFrame(buildWriteVars(wireAddresses.constData() + done,
                                                            wireValues.constData() + done, n));
         done += n;
-        const long int sent = sendVarFrame(frame, QList<qint32>());
+        const long int sent = sendVarFrame(frame);
         if (sent == StatusNoReply)
             return StatusNoReply;
         if (sent != StatusOk)
@@ -948,7 +995,7 @@ void AsynchronousClient::registerVars(long int *addresses, int count)
         std::unique_lock<std::mutex> data(m_dataMutex);
         for (int i = 0; i < count; ++i)
             if (validAddress(addresses[i]))
-                m_values.insert(qint32(addresses[i]), 0);
+                m_values.store(qint32(addresses[i]), 0);
     }
     wakeLoop();
 }
@@ -958,10 +1005,13 @@ void AsynchronousClient::removeVars(long int *addresses, int count)
     std::unique_lock<ClientLock> lock(m_mutex);
     if (!addresses || count < 1)
         return;
-    std::unique_lock<std::mutex> data(m_dataMutex);
+    std::vector<qint32> gone;
+    gone.reserve(size_t(count));
     for (int i = 0; i < count; ++i)
         if (validAddress(addresses[i]))
-            m_values.remove(qint32(addresses[i]));
+            gone.push_back(qint32(addresses[i]));
+    std::unique_lock<std::mutex> data(m_dataMutex);
+    m_values.remove(gone.data(), int(gone.size()));
 }
 
 void AsynchronousClient::clearVars()
@@ -1021,26 +1071,25 @@ long int AsynchronousClient::readBits(long int channel, BitType type, long int *
         return StatusDisconnected;
     if (bitsCheck(kReadBitsSig, channel, type, bits, count, values, true) != StatusOk)
         return StatusParError;
-    QList<qint32> words;
-    words.reserve(count);
+    m_request.resize(size_t(count));
     for (int i = 0; i < count; ++i)
-        words.append(bitWordAddress(channel, type, bits[i]));
+        m_request[size_t(i)] = bitWordAddress(channel, type, bits[i]);
     long int status = StatusOk;
     if (isDirectMode()) {
-        const int length = buildReadVars(words);
+        const int length = buildReadVars(m_request.data(), count);
         if (length <= 0)
             return StatusParError;
         {
             std::unique_lock<std::mutex> data(m_dataMutex);
             m_values.clear();
         }
-        status = sendVarFrame(builtFrame(length), words);
+        status = sendVarFrame(builtFrame(length), m_request.data(), count);
         if (status == StatusNoReply)
             return StatusNoReply;
     }
     std::unique_lock<std::mutex> data(m_dataMutex);
     for (int i = 0; i < count; ++i) {
-        const quint32 word = quint32(m_values.value(words.at(i), 0));
+        const quint32 word = quint32(m_values.value(m_request[size_t(i)]));
         values[i] = (word >> bitInWord(bits[i])) & 1u;
     }
     return status;
@@ -1059,15 +1108,16 @@ long int AsynchronousClient::changeBits(const char *signature, long int channel,
     }
     if (bitsCheck(signature, channel, type, bits, count, nullptr, false) != StatusOk)
         return StatusParError;
+    m_request.resize(size_t(count));
+    for (int i = 0; i < count; ++i)
+        m_request[size_t(i)] = bitWordAddress(channel, type, bits[i]);
     {
         std::unique_lock<std::mutex> data(m_dataMutex);
-        for (int i = 0; i < count; ++i) {
-            const qint32 word = bitWordAddress(channel, type, bits[i]);
-            if (add)
-                m_values.insert(word, 0);
-            else
-                m_values.remove(word);
-        }
+        if (!add)
+            m_values.remove(m_request.data(), count);
+        else
+            for (int i = 0; i < count; ++i)
+                m_values.store(m_request[size_t(i)], 0);
     }
     if (add)
         wakeLoop();

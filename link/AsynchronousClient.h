@@ -4,17 +4,20 @@
 #include "ClientLock.h"
 #include "HProtocol_Client.h"
 #include "ThreadTexts.h"
+#include "ValueTable.h"
 
 #include <QByteArray>
 #include <QList>
 #include <QMap>
 #include <QString>
+#include <QVector>
 #include <QThread>
 
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <functional>
+#include <vector>
 
 class QTcpSocket;
 
@@ -311,9 +314,12 @@ private:
     // Null pointers, count outside 1..limit or an address the builders
     // refuse: logs the ParError line and returns false.
     bool varArgumentsOk(const char *signature, long int *addresses, int count, long int *values, int limit);
-    // One 'B' or 'D' frame (addresses: those of a 'B' frame): direct mode
-    // exchanges it (0, 3 or 111), thread mode leaves it for the loop (0).
-    long int sendVarFrame(const QByteArray &frame, const QList<qint32> &addresses);
+    // One 'B' or 'D' frame (addresses: the count addresses of a 'B' frame):
+    // direct mode exchanges it (0, 3 or 111) and a good read reply also puts
+    // its values into `results` when given; thread mode leaves it for the
+    // loop (0).
+    long int sendVarFrame(const QByteArray &frame, const qint32 *addresses = nullptr, int count = 0,
+                          qint32 *results = nullptr);
     long int readVarsImpl(const char *signature, long int *addresses, int count, long int *values,
                           bool singleFrame);
     long int writeVarsImpl(const char *signature, long int *addresses, int count, long int *values,
@@ -322,6 +328,13 @@ private:
                        long int *values, bool needValues);
     // registerBits (add) and removeBits: the words holding the bits.
     long int changeBits(const char *signature, long int channel, int type, long int *bits, int count, bool add);
+
+    // The variable calls' own arrays, reused from call to call (under
+    // m_mutex): the addresses as 32-bit words and, in direct mode, the
+    // values read, in request order.
+    std::vector<qint32> m_request;
+    std::vector<qint32> m_results;
+    std::vector<qint32> m_seen;       // for the check for repeated addresses
 
     QTcpSocket *m_socket = nullptr;   // lives in run()
     quint8 m_sendBuf[HProtocol_Client::kBufferSize];
@@ -350,14 +363,14 @@ private:
     std::condition_variable m_workCond;   // wakes the socket thread
     std::condition_variable m_doneCond;   // wakes the caller whose job is done
     std::condition_variable m_slotCond;   // wakes callers waiting for the job slot
-    QMap<qint32, qint32> m_values;
+    ValueTable m_values;
     QList<QByteArray> m_queue;
     QByteArray m_outgoing;                 // direct mode: the frame to send
     QList<QByteArray> m_threadOutgoing;    // thread mode: frames left by readVars
-    QList<QList<qint32>> m_threadOutgoingAddresses;
-    QList<qint32> m_sentAddresses;         // addresses of the 'B' frame on the wire
+    QList<QVector<qint32>> m_threadOutgoingAddresses;
+    std::vector<qint32> m_sentAddresses;   // addresses of the 'B' frame on the wire
+    qint32 *m_sentResults = nullptr;       // where its values go besides the map (direct mode)
     bool m_sentIsPoll = false;             // that frame is a poll slice
-    QList<qint32> m_pending;               // readVars addresses not yet sent
     int m_schedulerKind = 0;
     int m_pollPosition = -1;
     int m_pollSlice = kPollSlice;

@@ -60,6 +60,44 @@ private slots:
     }
     void cleanupTestCase() { m_home.leave(); }
 
+    // The value map as a flat table: stores (sA=V), a look at it (?),
+    // updates of present addresses (uA=V) and removals (rA), then its
+    // contents in address order.
+    void valueTableKeepsMapSemantics_data()
+    {
+        QTest::addColumn<QString>("operations");
+        QTest::addColumn<QString>("contents");
+        QTest::newRow("stores in ascending order -> as stored") << "s1=1 s2=2 s3=3" << "1=1 2=2 3=3";
+        QTest::newRow("stores out of order -> in address order") << "s3=3 s1=1 s2=2" << "1=1 2=2 3=3";
+        QTest::newRow("an address stored twice -> the later value") << "s2=1 s1=1 s2=5" << "1=1 2=5";
+        QTest::newRow("stores after a look -> merged, the later value wins") << "s1=1 s4=4 ? s4=7 s2=2"
+                                                                             << "1=1 2=2 4=7";
+        QTest::newRow("updates -> only addresses already there") << "s1=1 s2=2 u2=9 u3=3" << "1=1 2=9";
+        QTest::newRow("removals, one absent -> the others stay") << "s1=1 s2=2 s3=3 r2 r7" << "1=1 3=3";
+    }
+    void valueTableKeepsMapSemantics()
+    {
+        QFETCH(QString, operations);
+        QFETCH(QString, contents);
+        ValueTable table;
+        for (const QString &op : operations.split(' ')) {
+            const QStringList pair = op.mid(1).split('=');
+            const qint32 address = pair.value(0).toInt();
+            if (op[0] == 's')
+                table.store(address, pair.value(1).toInt());
+            else if (op[0] == 'u')
+                table.update(address, pair.value(1).toInt());
+            else if (op[0] == 'r')
+                table.remove(&address, 1);
+            else
+                table.size();
+        }
+        QStringList got;
+        for (int i = 0; i < table.size(); ++i)
+            got << QStringLiteral("%1=%2").arg(table.at(i).address).arg(table.at(i).value);
+        QCOMPARE(got.join(' '), contents);
+    }
+
     void constructionMakesLogDirectory()
     {
         AsynchronousClient client;
@@ -155,6 +193,10 @@ private slots:
         QCOMPARE(values[1], 2147483647L);
         QCOMPARE(values[2], long(INT32_MIN));
         QCOMPARE(values[3], -7L);
+        // Out of order, no address twice.
+        long int unordered[3] = { 3000009, 3000005, 3000001 };
+        QCOMPARE(l.client->readVars(unordered, 3, values), 0L);
+        QCOMPARE(QVector<long int>(values, values + 3), QVector<long int>({ long(INT32_MIN), -7L, 2147483647L }));
 
         // A write of a negative host long reaches the wire as 32 bits.
         long int address = 3000002, value = -123456;
