@@ -519,25 +519,27 @@ QByteArray AsynchronousClient::scheduleStep()
 
 QByteArray AsynchronousClient::pollSlice()
 {
-    QList<qint32> keys;
-    keys.reserve(m_values.size());
-    for (int i = 0; i < m_values.size(); ++i)
-        if (isValidAddress(m_values.at(i).address))
-            keys.append(m_values.at(i).address);
-    if (keys.isEmpty()) {
+    // The slice is taken from the table in place: with thousands of
+    // registered variables, copying the keys for every frame would cost
+    // more than the frame's round trip.
+    const int size = m_values.size();
+    if (size == 0) {
         m_pollPosition = -1;
         return QByteArray();
     }
-    if (m_pollPosition < 0 || m_pollPosition >= keys.size())
+    if (m_pollPosition < 0 || m_pollPosition >= size)
         m_pollPosition = 0;
-    const QList<qint32> slice = keys.mid(m_pollPosition, qMin(m_pollSlice, m_pollBuilder.maxRdVar()));
-    m_pollPosition += slice.size();
-    if (m_pollPosition >= keys.size())
+    const int n = qMin(qMin(m_pollSlice, m_pollBuilder.maxRdVar()), size - m_pollPosition);
+    const ValueTable::Entry *slice = m_values.entries() + m_pollPosition;
+    m_sentAddresses.resize(size_t(n));
+    for (int i = 0; i < n; ++i)
+        m_sentAddresses[size_t(i)] = slice[i].address;
+    m_pollPosition += n;
+    if (m_pollPosition >= size)
         m_pollPosition = -1;
-    const int length = m_pollBuilder.buildReadVars(slice);
+    const int length = m_pollBuilder.buildReadVars(m_sentAddresses.data(), n);
     if (length <= 0)
         return QByteArray();
-    m_sentAddresses.assign(slice.begin(), slice.end());
     m_sentIsPoll = true;
     return QByteArray(reinterpret_cast<const char *>(m_pollSendBuf), length);
 }

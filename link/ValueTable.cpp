@@ -74,6 +74,12 @@ const ValueTable::Entry &ValueTable::at(int index) const
     return m_entries[size_t(index)];
 }
 
+const ValueTable::Entry *ValueTable::entries() const
+{
+    settle();
+    return m_entries.data();
+}
+
 int ValueTable::find(qint32 address) const
 {
     settle();

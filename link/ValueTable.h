@@ -39,6 +39,7 @@ public:
     bool isEmpty() const { return m_entries.empty(); }
     // Entries in ascending address order; valid until the next change.
     const Entry &at(int index) const;
+    const Entry *entries() const;
 
 private:
     // Puts the appended entries in order and drops the overwritten ones.
