@@ -140,11 +140,11 @@ int rawDiscard(NativeSocket fd, int limit, bool *closed)
     return total;
 }
 
-bool rawWriteAll(NativeSocket fd, const QByteArray &data, int waitMs)
+bool rawWriteAll(NativeSocket fd, const char *data, int size, int waitMs)
 {
     int done = 0;
-    while (done < data.size()) {
-        const auto n = ::send(fd, data.constData() + done, int(data.size() - done), kSendFlags);
+    while (done < size) {
+        const auto n = ::send(fd, data + done, size - done, kSendFlags);
         if (n > 0) {
             done += int(n);
             continue;
@@ -340,6 +340,7 @@ bool AsynchronousClient::performJob(Job job, const QByteArray &data)
         if (!ok)
             socket.abort();
         m_connected.store(ok);
+        m_linkDirty.store(true);
         if (ok && !isDirectMode()) {
             m_stop.store(false);
             setPriority(QThread::TimeCriticalPriority);
@@ -376,38 +377,46 @@ bool AsynchronousClient::threadExchange(qintptr fd, const QByteArray &frame)
     m_errorFlag.store(0);
     clearReplyState();
     m_exchangeState.store(2);
-    QByteArray reply;
     bool closed = false;
-    const bool replied = wireExchange(fd, frame, &reply, &closed);
-    handleReply(reply);
+    const int size = wireExchange(fd, frame.constData(), frame.size(), &closed);
+    handleReply(size);
     m_exchangeState.store(1);
     if (closed) {
         markClosed();
         m_connected.store(false);
     }
-    return replied && !m_errorFlag.load();
+    return size > 0 && !m_errorFlag.load();
 }
 
-bool AsynchronousClient::wireExchange(qintptr descriptor, const QByteArray &frame, QByteArray *reply, bool *closed)
+int AsynchronousClient::wireExchange(qintptr descriptor, const char *frame, int frameSize, bool *closed)
 {
     const NativeSocket fd = NativeSocket(descriptor);
-    const int stale = rawDiscard(fd, kDiscardLimit, closed);
-    if (stale > 0 && debugErrors())
-        qDebug() << kReadyReadSig << "1 Error." << stale;
-    if (*closed || !rawWriteAll(fd, frame, kReplyWaitMs)) {
+    // Stale bytes can only be there when the last exchange did not end
+    // cleanly; otherwise the read before the send is one syscall for nothing.
+    if (m_linkDirty.load()) {
+        const int stale = rawDiscard(fd, kDiscardLimit, closed);
+        if (stale > 0 && debugErrors())
+            qDebug() << kReadyReadSig << "1 Error." << stale;
+    }
+    m_linkDirty.store(true);
+    if (*closed || !rawWriteAll(fd, frame, frameSize, kReplyWaitMs)) {
         *closed = true;
-        return false;
+        return 0;
     }
     // The reply budget runs from the send. Replies are cut out of the byte
     // stream by their length field; one that does not answer this request is
-    // logged and dropped, and the wait goes on. Memory stays bounded: bytes
-    // beyond one reply's size are never kept.
+    // logged and dropped, and the wait goes on. Memory stays bounded: no
+    // more than one reply's size is ever kept.
     QElapsedTimer clock;
     clock.start();
     const qint64 budget = qint64(kReplyWaits) * kReplyWaitMs;
-    QByteArray pending;
+    char buffer[kBufferSize];
+    int have = 0;
     int skip = 0;   // the rest of a frame too long to be a reply
-    char chunk[kBufferSize];
+    auto drop = [&](int n) {
+        std::memmove(buffer, buffer + n, size_t(have - n));
+        have -= n;
+    };
     while (!*closed && !m_interrupt.load()) {
         const qint64 left = budget - clock.elapsed();
         if (left <= 0)
@@ -415,41 +424,41 @@ bool AsynchronousClient::wireExchange(qintptr descriptor, const QByteArray &fram
         // Short slices: a disconnect or stop must not wait for the budget.
         if (!rawWait(fd, POLLIN, int(qMin<qint64>(left, kWaitSliceMs))))
             continue;
-        const int n = rawRead(fd, chunk, int(sizeof chunk), closed);
-        const int skipped = qMin(skip, n);
+        have += rawRead(fd, buffer + have, int(sizeof buffer) - have, closed);
+        const int skipped = qMin(skip, have);
         skip -= skipped;
-        pending.append(chunk + skipped, n - skipped);
-        while (!pending.isEmpty()) {
-            const FrameCheck check = checkFrame(pending.constData(), pending.size());
+        drop(skipped);
+        while (have > 0) {
+            const FrameCheck check = checkFrame(buffer, have);
             if (check.kind == FramePartial)
                 break;
             if (check.kind == FrameNone) {
                 if (debugErrors())
                     qDebug() << "unknown command.";
-                pending.clear();
+                have = 0;
                 break;
             }
             if (check.kind == FrameTooLong) {
                 // Not parsed, as a reply of 500 bytes or more never is.
-                skip = qMax(0, check.size - pending.size());
-                pending.remove(0, qMin(check.size, pending.size()));
+                skip = qMax(0, check.size - have);
+                drop(qMin(check.size, have));
                 continue;
             }
-            const QByteArray candidate = pending.left(check.size);
-            pending.remove(0, check.size);
-            if (replyMatches(frame, candidate)) {
-                *reply = candidate;
-                return true;
+            if (replyMatches(frame, frameSize, buffer, check.size)) {
+                std::memcpy(recvBuffer(), buffer, size_t(check.size));
+                m_linkDirty.store(have > check.size);
+                return check.size;
             }
             if (debugErrors()) {
-                const bool sameLetter = candidate.at(headerLength()) == frame.at(headerLength());
+                const bool sameLetter = buffer[headerLength()] == frame[headerLength()];
                 qDebug() << (sameLetter ? "parameters error." : "unknown command.");
             }
+            drop(check.size);
         }
     }
     if (debugErrors())
-        qDebug() << kReadyReadSig << "2 Error." << pending.size();
-    return false;
+        qDebug() << kReadyReadSig << "2 Error." << have;
+    return 0;
 }
 
 void AsynchronousClient::markClosed()
@@ -470,20 +479,19 @@ void AsynchronousClient::updateLinkMirror()
     m_descriptor = descriptor;
 }
 
-int AsynchronousClient::handleReply(const QByteArray &reply)
+int AsynchronousClient::handleReply(int size)
 {
-    if (reply.size() < 1 || reply.size() >= kBufferSize)
+    if (size < 1 || size >= kBufferSize)
         return ParseUnknown;
-    std::memcpy(recvBuffer(), reply.constData(), size_t(reply.size()));
-    const int result = parse(reply.size());
+    const int result = parse(size);
     // Error replies to 'd' and 'f' reach no handler; the flag comes from here.
     if (result >= ParseReadError && result <= ParseProgramError)
         m_errorFlag.store(1);
     // A reply too short for its handler: the letter alone says success for
     // the commands whose replies carry nothing the client reads ('p', 'D',
     // 'f'); for the others the answer is missing, which is no success.
-    if (result == ParseUnknown && reply.size() > headerLength()) {
-        const char letter = reply.at(headerLength());
+    if (result == ParseUnknown && size > headerLength()) {
+        const char letter = char(recvBuffer()[headerLength()]);
         if (letter != 'p' && letter != 'D' && letter != 'f')
             m_errorFlag.store(1);
     }
@@ -689,10 +697,12 @@ bool AsynchronousClient::exchangeNext()
         m_sentResults = nullptr;
         m_sentIsPoll = false;
     }
-    return exchange();
+    const bool replied = !m_outgoing.isEmpty() && exchange(m_outgoing.constData(), m_outgoing.size());
+    m_outgoing.clear();
+    return replied;
 }
 
-bool AsynchronousClient::directExchange(const QByteArray &frame, QByteArray *reply)
+int AsynchronousClient::directExchange(const char *frame, int size)
 {
     qintptr fd;
     {
@@ -700,12 +710,12 @@ bool AsynchronousClient::directExchange(const QByteArray &frame, QByteArray *rep
         while (m_jobBusy)
             m_slotCond.wait(lock);
         if (m_descriptor < 0 || m_socketState != QAbstractSocket::ConnectedState)
-            return false;
+            return 0;
         m_jobBusy = true;   // connect and disconnect wait until the descriptor is free
         fd = m_descriptor;
     }
     bool closed = false;
-    const bool replied = wireExchange(fd, frame, reply, &closed);
+    const int replySize = wireExchange(fd, frame, size, &closed);
     {
         std::unique_lock<std::mutex> lock(m_dataMutex);
         m_jobBusy = false;
@@ -713,24 +723,20 @@ bool AsynchronousClient::directExchange(const QByteArray &frame, QByteArray *rep
     m_slotCond.notify_one();
     if (closed)
         markClosed();
-    return replied;
+    return replySize;
 }
 
-bool AsynchronousClient::exchange()
+bool AsynchronousClient::exchange(const char *frame, int size)
 {
-    if (m_outgoing.isEmpty())
-        return false;
     // Every status comes from this request's own reply.
     m_errorFlag.store(0);
     m_memoryFull.store(false);
     clearReplyState();
     m_exchangeState.store(2);
-    QByteArray reply;
-    const bool replied = directExchange(m_outgoing, &reply);
-    handleReply(reply);
+    const int replySize = directExchange(frame, size);
+    handleReply(replySize);
     m_exchangeState.store(1);
-    m_outgoing.clear();
-    return replied;
+    return replySize > 0;
 }
 
 long int AsynchronousClient::exchangeStatus(bool replied, long int queued) const
@@ -838,13 +844,12 @@ bool AsynchronousClient::varArgumentsOk(const char *signature, long int *address
     return false;
 }
 
-long int AsynchronousClient::sendVarFrame(const QByteArray &frame, const qint32 *addresses, int count,
-                                          qint32 *results)
+long int AsynchronousClient::sendVarFrame(int length, const qint32 *addresses, int count, qint32 *results)
 {
     if (!isDirectMode()) {
         {
             std::unique_lock<std::mutex> data(m_dataMutex);
-            m_threadOutgoing.append(frame);
+            m_threadOutgoing.append(builtFrame(length));
             QVector<qint32> sent(count);
             std::copy(addresses, addresses + count, sent.begin());
             m_threadOutgoingAddresses.append(sent);
@@ -858,13 +863,8 @@ long int AsynchronousClient::sendVarFrame(const QByteArray &frame, const qint32 
         m_sentResults = results;
         m_sentIsPoll = false;
     }
-    m_outgoing = frame;
-    const bool replied = exchange();
-    {
-        std::unique_lock<std::mutex> data(m_dataMutex);
-        m_sentResults = nullptr;
-    }
-    if (!replied)
+    // A refused build is an empty frame: nothing to send, no reply.
+    if (length <= 0 || !exchange(reinterpret_cast<const char *>(sendBuffer()), length))
         return StatusNoReply;
     return m_errorFlag.load() ? StatusErrorReply : StatusOk;
 }
@@ -905,7 +905,7 @@ long int AsynchronousClient::readVarsImpl(const char *signature, long int *addre
         if (debugDetails())
             qDebug() << "currentRdAddressFlag =" << m_currentRdAddressFlag << "maxRdVar =" << limit;
         const qint32 *slice = m_request.data() + done;
-        const long int sent = sendVarFrame(builtFrame(buildReadVars(slice, n)), slice, n,
+        const long int sent = sendVarFrame(buildReadVars(slice, n), slice, n,
                                            direct ? m_results.data() + done : nullptr);
         done += n;
         if (sent == StatusNoReply)
@@ -965,10 +965,9 @@ long int AsynchronousClient::writeVarsImpl(const char *signature, long int *addr
         if (debugDetails())
             qDebug() << "currentWrAddressFlag =" << m_currentWrAddressFlag << "maxWrVar =" << limit
                      << "numCount =" << n;
-        const QByteArray frame = builtFrame(buildWriteVars(wireAddresses.constData() + done,
-                                                           wireValues.constData() + done, n));
+        const int length = buildWriteVars(wireAddresses.constData() + done, wireValues.constData() + done, n);
         done += n;
-        const long int sent = sendVarFrame(frame);
+        const long int sent = sendVarFrame(length);
         if (sent == StatusNoReply)
             return StatusNoReply;
         if (sent != StatusOk)
@@ -1085,7 +1084,7 @@ long int AsynchronousClient::readBits(long int channel, BitType type, long int *
             std::unique_lock<std::mutex> data(m_dataMutex);
             m_values.clear();
         }
-        status = sendVarFrame(builtFrame(length), m_request.data(), count);
+        status = sendVarFrame(length, m_request.data(), count);
         if (status == StatusNoReply)
             return StatusNoReply;
     }

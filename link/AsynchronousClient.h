@@ -171,9 +171,9 @@ protected:
     // Direct mode: takes the next non-empty queued frame into outgoing and
     // runs the exchange. False when no reply came (or nothing was queued).
     bool exchangeNext();
-    // Direct mode: sends outgoing, waits for the reply, parses it; false when
-    // no reply came. Clears outgoing.
-    bool exchange();
+    // Direct mode: sends the frame, waits for the reply, parses it; false
+    // when no reply came.
+    bool exchange(const char *frame, int size);
     // Status of a finished direct exchange: 111, 3 or `queued`.
     long int exchangeStatus(bool replied, long int queued) const;
     // The frame just built, as bytes.
@@ -299,17 +299,19 @@ private:
     // true for a good reply (not refused, not missing).
     bool threadExchange(qintptr fd, const QByteArray &frame);
     // Direct mode: the exchange on the descriptor, in the caller's thread.
-    bool directExchange(const QByteArray &frame, QByteArray *reply);
+    // The size of the reply (in the receive buffer), 0 without one.
+    int directExchange(const char *frame, int size);
     // Both modes: sends the frame and waits for the reply that matches it
-    // within the reply budget; false without one. Sets *closed when the
-    // link went down.
-    bool wireExchange(qintptr fd, const QByteArray &frame, QByteArray *reply, bool *closed);
+    // within the reply budget, which ends up in the receive buffer; its
+    // size, or 0 without one. Sets *closed when the link went down.
+    int wireExchange(qintptr fd, const char *frame, int size, bool *closed);
     void markClosed();
     void updateLinkMirror();
     // Next frame of the thread loop (under m_dataMutex); empty when idle.
     QByteArray scheduleStep();
     QByteArray pollSlice();
-    int handleReply(const QByteArray &reply);
+    // Parses the reply of `size` bytes in the receive buffer (none: 0).
+    int handleReply(int size);
     bool threadModeActive() const;
     // Null pointers, count outside 1..limit or an address the builders
     // refuse: logs the ParError line and returns false.
@@ -318,7 +320,8 @@ private:
     // direct mode exchanges it (0, 3 or 111) and a good read reply also puts
     // its values into `results` when given; thread mode leaves it for the
     // loop (0).
-    long int sendVarFrame(const QByteArray &frame, const qint32 *addresses = nullptr, int count = 0,
+    // The frame is the `length` bytes built in the send buffer.
+    long int sendVarFrame(int length, const qint32 *addresses = nullptr, int count = 0,
                           qint32 *results = nullptr);
     long int readVarsImpl(const char *signature, long int *addresses, int count, long int *values,
                           bool singleFrame);
@@ -353,6 +356,9 @@ private:
     std::atomic<bool> m_stop{true};
     // Makes a reply wait give up: set by stop, connect, disconnect.
     std::atomic<bool> m_interrupt{false};
+    // Bytes may wait unread on the link: the last exchange gave up, or got
+    // more than its reply. The next exchange drains them before it sends.
+    std::atomic<bool> m_linkDirty{true};
     std::atomic<quint8> m_debugMask{0};
     bool m_currentRdAddressFlag = false;
     bool m_currentWrAddressFlag = false;

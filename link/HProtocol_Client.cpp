@@ -745,23 +745,23 @@ HProtocol_Client::FrameCheck HProtocol_Client::checkFrame(const char *data, int 
     return { size < total ? FramePartial : FrameComplete, total };
 }
 
-bool HProtocol_Client::replyMatches(const QByteArray &request, const QByteArray &reply) const
+bool HProtocol_Client::replyMatches(const char *request, int requestSize, const char *reply, int replySize) const
 {
     const int h = m_headerLength;
-    if (h < 0 || request.size() <= h || reply.size() <= h)
+    if (h < 0 || requestSize <= h || replySize <= h)
         return false;
-    const quint8 asked = quint8(request.at(h));
-    const quint8 letter = quint8(reply.at(h));
+    const quint8 asked = quint8(request[h]);
+    const quint8 letter = quint8(reply[h]);
     if (letter == (asked | ErrorFlag))
         return true;
     if (letter != asked)
         return false;
     if (asked != LetterReadVars)
         return true;
-    if (request.size() <= h + 1 || reply.size() <= h + 1)
+    if (requestSize <= h + 1 || replySize <= h + 1)
         return false;
-    const int count = quint8(request.at(h + 1));
-    return quint8(reply.at(h + 1)) == count && reply.size() - h - 2 >= 4 * count;
+    const int count = quint8(request[h + 1]);
+    return quint8(reply[h + 1]) == count && replySize - h - 2 >= 4 * count;
 }
 
 // ---------------------------------------------------------------- handlers

@@ -138,7 +138,7 @@ public:
     // A whole reply frame answers a request frame only with the request's
     // letter or its error form (top bit set) and, for a good 'B' reply, the
     // count that was asked for, with all its values.
-    bool replyMatches(const QByteArray &request, const QByteArray &reply) const;
+    bool replyMatches(const char *request, int requestSize, const char *reply, int replySize) const;
 
     // ---- Callbacks (null at construction).
     ReadVarsCallback readVarsCallback = nullptr;       // 'B'

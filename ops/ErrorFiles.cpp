@@ -41,7 +41,7 @@ long int AsynchronousClient::writeVarLocked(qint32 address, qint32 value)
 {
     if (!isDirectMode())
         return StatusOk;
-    return sendVarFrame(builtFrame(buildWriteVars(&address, &value, 1)));
+    return sendVarFrame(buildWriteVars(&address, &value, 1));
 }
 
 long int AsynchronousClient::readVarLocked(qint32 address, qint32 *value)
@@ -53,7 +53,7 @@ long int AsynchronousClient::readVarLocked(qint32 address, qint32 *value)
         std::unique_lock<std::mutex> data(m_dataMutex);
         m_values.clear();
     }
-    const long int status = sendVarFrame(builtFrame(buildReadVars(&address, 1)), &address, 1);
+    const long int status = sendVarFrame(buildReadVars(&address, 1), &address, 1);
     std::unique_lock<std::mutex> data(m_dataMutex);
     *value = m_values.value(address, *value);   // unchanged when no value came
     return status;
