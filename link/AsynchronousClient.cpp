@@ -79,14 +79,6 @@ bool hasRepeats(const std::vector<qint32> &addresses, std::vector<qint32> &seen)
     return false;
 }
 
-bool allValid(const long int *addresses, int count)
-{
-    for (int i = 0; i < count; ++i)
-        if (!validAddress(addresses[i]))
-            return false;
-    return true;
-}
-
 // Direct-mode exchanges run on the socket's descriptor in the caller's
 // thread: a hand-off to the socket thread costs two context switches per
 // request, as much as the round trip itself. The QTcpSocket object is only
@@ -833,15 +825,22 @@ void AsynchronousClient::onRecUnknownCmd(int letter)
 // ---------------------------------------------------------------------------
 // Variables
 
-bool AsynchronousClient::varArgumentsOk(const char *signature, long int *addresses, int count,
-                                        long int *values, int limit)
+bool AsynchronousClient::takeAddresses(const char *signature, long int *addresses, int count, long int *values,
+                                       int limit)
 {
-    if (addresses && values && count >= 1 && count <= limit && allValid(addresses, count))
-        return true;
-    if (debugErrors())
+    // The one check of the addresses: the builders are told they are done.
+    bool ok = addresses && values && count >= 1 && count <= limit;
+    if (ok) {
+        m_request.resize(size_t(count));
+        for (int i = 0; i < count && ok; ++i) {
+            ok = validAddress(addresses[i]);
+            m_request[size_t(i)] = qint32(addresses[i]);
+        }
+    }
+    if (!ok && debugErrors())
         qDebug() << signature << " ParError address=" << static_cast<void *>(addresses)
                  << " count=" << count << " value=" << static_cast<void *>(values);
-    return false;
+    return ok;
 }
 
 long int AsynchronousClient::sendVarFrame(int length, const qint32 *addresses, int count, qint32 *results)
@@ -876,19 +875,18 @@ long int AsynchronousClient::readVarsImpl(const char *signature, long int *addre
     if (linkDown(signature))
         return StatusDisconnected;
     const int limit = maxRdVar();
-    if (!varArgumentsOk(signature, addresses, count, values, singleFrame ? limit : count))
+    if (!takeAddresses(signature, addresses, count, values, singleFrame ? limit : count))
         return StatusParError;
     // When no address repeats, each value read is the one the map holds for
     // its address and goes straight to its place in the result.
     bool ascending = true;
-    m_request.resize(size_t(count));
-    for (int i = 0; i < count; ++i) {
-        m_request[size_t(i)] = qint32(addresses[i]);
-        ascending = ascending && (i == 0 || m_request[size_t(i)] > m_request[size_t(i - 1)]);
-    }
+    for (int i = 1; i < count && ascending; ++i)
+        ascending = m_request[size_t(i)] > m_request[size_t(i - 1)];
     const bool direct = isDirectMode();
-    if (direct)
-        m_results.assign(size_t(count), 0);
+    if (direct) {
+        m_results.resize(size_t(count));
+        std::memset(m_results.data(), 0, size_t(count) * sizeof(qint32));
+    }
     {
         // Registered variables are dropped here on purpose: the map is also
         // the result table of this call.
@@ -905,7 +903,7 @@ long int AsynchronousClient::readVarsImpl(const char *signature, long int *addre
         if (debugDetails())
             qDebug() << "currentRdAddressFlag =" << m_currentRdAddressFlag << "maxRdVar =" << limit;
         const qint32 *slice = m_request.data() + done;
-        const long int sent = sendVarFrame(buildReadVars(slice, n), slice, n,
+        const long int sent = sendVarFrame(buildReadVars(slice, n, AddressesChecked), slice, n,
                                            direct ? m_results.data() + done : nullptr);
         done += n;
         if (sent == StatusNoReply)
@@ -943,20 +941,16 @@ long int AsynchronousClient::writeVarsImpl(const char *signature, long int *addr
     if (linkDown(signature))
         return StatusDisconnected;
     const int limit = maxWrVar();
-    if (!varArgumentsOk(signature, addresses, count, values, singleFrame ? limit : count))
+    if (!takeAddresses(signature, addresses, count, values, singleFrame ? limit : count))
         return StatusParError;
+    m_results.resize(size_t(count));
     for (int i = 0; i < count; ++i) {
         if (!fitsWord(values[i])) {
             if (debugErrors())
                 qDebug() << signature << " ParError value=" << qint64(values[i]) << " count=" << count;
             return StatusParError;
         }
-    }
-    QVector<qint32> wireAddresses(count);
-    QVector<qint32> wireValues(count);
-    for (int i = 0; i < count; ++i) {
-        wireAddresses[i] = qint32(addresses[i]);
-        wireValues[i] = qint32(quint32(values[i]));
+        m_results[size_t(i)] = qint32(quint32(values[i]));
     }
     long int status = StatusOk;
     for (int done = 0; done < count;) {
@@ -965,7 +959,7 @@ long int AsynchronousClient::writeVarsImpl(const char *signature, long int *addr
         if (debugDetails())
             qDebug() << "currentWrAddressFlag =" << m_currentWrAddressFlag << "maxWrVar =" << limit
                      << "numCount =" << n;
-        const int length = buildWriteVars(wireAddresses.constData() + done, wireValues.constData() + done, n);
+        const int length = buildWriteVars(m_request.data() + done, m_results.data() + done, n, AddressesChecked);
         done += n;
         const long int sent = sendVarFrame(length);
         if (sent == StatusNoReply)

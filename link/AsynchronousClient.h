@@ -313,9 +313,11 @@ private:
     // Parses the reply of `size` bytes in the receive buffer (none: 0).
     int handleReply(int size);
     bool threadModeActive() const;
-    // Null pointers, count outside 1..limit or an address the builders
-    // refuse: logs the ParError line and returns false.
-    bool varArgumentsOk(const char *signature, long int *addresses, int count, long int *values, int limit);
+    // Checks the arguments of a variable call and takes the addresses into
+    // m_request as 32-bit words. Null pointers, count outside 1..limit or
+    // an address the builders refuse: logs the ParError line and returns
+    // false.
+    bool takeAddresses(const char *signature, long int *addresses, int count, long int *values, int limit);
     // One 'B' or 'D' frame (addresses: the count addresses of a 'B' frame):
     // direct mode exchanges it (0, 3 or 111) and a good read reply also puts
     // its values into `results` when given; thread mode leaves it for the
@@ -333,8 +335,8 @@ private:
     long int changeBits(const char *signature, long int channel, int type, long int *bits, int count, bool add);
 
     // The variable calls' own arrays, reused from call to call (under
-    // m_mutex): the addresses as 32-bit words and, in direct mode, the
-    // values read, in request order.
+    // m_mutex): the addresses as 32-bit words and the values, in request
+    // order (read in direct mode, or to be written).
     std::vector<qint32> m_request;
     std::vector<qint32> m_results;
     std::vector<qint32> m_seen;       // for the check for repeated addresses

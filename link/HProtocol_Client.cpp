@@ -1,7 +1,9 @@
 #include "HProtocol_Client.h"
 
 #include <QElapsedTimer>
-#include <QVector>
+#include <QtEndian>
+
+#include <cstring>
 
 #include <chrono>
 #include <thread>
@@ -81,11 +83,25 @@ public:
         }
         m_buffer[m_pos++] = v;
     }
+    // One 32-bit field, stored as a word.
     void put32(qint32 value)
     {
-        const quint32 v = quint32(value);
-        for (int i = 0; i < 4; ++i)
-            put8(quint8(v >> (m_bigEndian ? 8 * (3 - i) : 8 * i)));
+        if (m_pos + 4 > kLimit) {
+            m_overflow = true;
+            return;
+        }
+        const quint32 v = m_bigEndian ? qToBigEndian(quint32(value)) : qToLittleEndian(quint32(value));
+        std::memcpy(m_buffer + m_pos, &v, 4);
+        m_pos += 4;
+    }
+    void putBytes(const char *data, int length)
+    {
+        if (m_pos + length > kLimit) {
+            m_overflow = true;
+            return;
+        }
+        std::memcpy(m_buffer + m_pos, data, size_t(length));
+        m_pos += length;
     }
     // The sub byte of a 'g' request past the known selectors is not written.
     void skip()
@@ -99,8 +115,7 @@ public:
     // most maxLen bytes, then a terminating 0.
     void putText(const char *text, int maxLen)
     {
-        for (int i = 0; i < maxLen && qint8(text[i]) >= 1; ++i)
-            put8(quint8(text[i]));
+        putBytes(text, HProtocol_Client::textRunLength(text, maxLen));
         put8(0);
     }
     int pos() const { return m_pos; }
@@ -113,15 +128,6 @@ private:
     bool m_bigEndian;
     bool m_overflow = false;
 };
-
-// Number of leading bytes that the controller text rule lets through.
-int textRunLength(const char *text, int maxLen)
-{
-    int n = 0;
-    while (n < maxLen && qint8(text[n]) >= 1)
-        ++n;
-    return n;
-}
 
 int fileTypeCode(int type)
 {
@@ -137,9 +143,21 @@ int fileTypeCode(int type)
 
 // ---------------------------------------------------------------- helpers
 
-bool HProtocol_Client::isValidAddress(qint32 address)
+int HProtocol_Client::textRunLength(const char *text, int maxLen)
 {
-    return address >= 0 && address <= kMaxAddress && address % 1000000 <= kMaxAddressOffset;
+    // The terminator first (strnlen reads no further than it), then the
+    // first byte with its top bit set, eight bytes at a time.
+    const int length = int(strnlen(text, size_t(qMax(maxLen, 0))));
+    const quint64 tops = 0x8080808080808080ULL;
+    int n = 0;
+    for (quint64 word; n + 8 <= length; n += 8) {
+        std::memcpy(&word, text + n, 8);
+        if (word & tops)
+            break;
+    }
+    while (n < length && qint8(text[n]) >= 1)
+        ++n;
+    return n;
 }
 
 quint16 HProtocol_Client::crc16(const quint8 *data, int length)
@@ -212,48 +230,51 @@ int HProtocol_Client::finishFrame(int end, bool overflow)
 
 // ---------------------------------------------------------------- builders
 
-int HProtocol_Client::buildReadVars(qint32 firstAddress, int count)
+template <typename Address>
+int HProtocol_Client::buildRead(int count, Address address, AddressCheck check)
 {
     if (!m_sendBuffer || count < 1 || count > m_maxRdVar)
         return 0;
-    if (!isValidAddress(firstAddress) || !isValidAddress(firstAddress + count - 1))
-        return 0;
+    if (check == CheckAddresses)
+        for (int i = 0; i < count; ++i)
+            if (!isValidAddress(address(i)))
+                return 0;
     FrameWriter w(m_sendBuffer, m_headerLength, m_bigEndian);
     w.put8(LetterReadVars);
     w.put8(quint8(count));
     for (int i = 0; i < count; ++i)
-        w.put32(firstAddress + i);
+        w.put32(address(i));
     return finishFrame(w.pos(), w.overflow());
 }
 
-int HProtocol_Client::buildReadVars(const qint32 *addresses, int count)
+int HProtocol_Client::buildReadVars(qint32 firstAddress, int count)
 {
-    if (!m_sendBuffer || !addresses || count < 1 || count > m_maxRdVar)
+    // A valid first and last address leave every one between valid.
+    if (!isValidAddress(firstAddress) || !isValidAddress(firstAddress + count - 1))
         return 0;
-    for (int i = 0; i < count; ++i)
-        if (!isValidAddress(addresses[i]))
-            return 0;
-    FrameWriter w(m_sendBuffer, m_headerLength, m_bigEndian);
-    w.put8(LetterReadVars);
-    w.put8(quint8(count));
-    for (int i = 0; i < count; ++i)
-        w.put32(addresses[i]);
-    return finishFrame(w.pos(), w.overflow());
+    return buildRead(count, [firstAddress](int i) { return firstAddress + i; }, AddressesChecked);
+}
+
+int HProtocol_Client::buildReadVars(const qint32 *addresses, int count, AddressCheck check)
+{
+    if (!addresses)
+        return 0;
+    return buildRead(count, [addresses](int i) { return addresses[i]; }, check);
 }
 
 int HProtocol_Client::buildReadVars(const QList<qint32> &addresses)
 {
-    const QVector<qint32> v = addresses.toVector();
-    return buildReadVars(v.constData(), v.size());
+    return buildRead(addresses.size(), [&addresses](int i) { return addresses.at(i); }, CheckAddresses);
 }
 
-int HProtocol_Client::buildWriteVars(const qint32 *addresses, const qint32 *values, int count)
+int HProtocol_Client::buildWriteVars(const qint32 *addresses, const qint32 *values, int count, AddressCheck check)
 {
     if (!m_sendBuffer || !addresses || !values || count < 1 || count > m_maxWrVar)
         return 0;
-    for (int i = 0; i < count; ++i)
-        if (!isValidAddress(addresses[i]))
-            return 0;
+    if (check == CheckAddresses)
+        for (int i = 0; i < count; ++i)
+            if (!isValidAddress(addresses[i]))
+                return 0;
     FrameWriter w(m_sendBuffer, m_headerLength, m_bigEndian);
     w.put8(LetterWriteVars);
     w.put8(quint8(count));
@@ -277,12 +298,14 @@ int HProtocol_Client::buildSetFileInf(quint8 channel, int type, const char *file
     return finishFrame(w.pos(), w.overflow());
 }
 
-int HProtocol_Client::buildText(quint8 sub, const char *text, int length)
+// `run`: the bytes of text that the text rule lets through, known already.
+int HProtocol_Client::buildText(quint8 sub, const char *text, int run)
 {
     FrameWriter w(m_sendBuffer, m_headerLength, m_bigEndian);
     w.put8(LetterFile);
     w.put8(sub);
-    w.putText(text, length);
+    w.putBytes(text, run);
+    w.put8(0);
     return finishFrame(w.pos(), w.overflow());
 }
 
@@ -312,7 +335,7 @@ int HProtocol_Client::buildAppendTxt(const char *text, int length)
 {
     if (!m_sendBuffer || !text || length < 0 || length >= kEmptyTextLen)
         return 0;
-    return buildText(2, text, length);
+    return buildText(2, text, textRunLength(text, length));
 }
 
 // Overwrite takes one byte more than append from an explicit length.
@@ -320,7 +343,7 @@ int HProtocol_Client::buildOverWriteTxt(const char *text, int length)
 {
     if (!m_sendBuffer || !text || length < 0 || length > kEmptyTextLen)
         return 0;
-    return buildText(3, text, length);
+    return buildText(3, text, textRunLength(text, length));
 }
 
 int HProtocol_Client::buildSimple(quint8 letter, quint8 sub)
@@ -509,10 +532,7 @@ int HProtocol_Client::pduSubState(const Pdu &pdu, int first, int last, int state
 qint32 HProtocol_Client::pduInt32(const Pdu &pdu, int index) const
 {
     const quint8 *p = pdu.data + index;
-    quint32 v = 0;
-    for (int i = 0; i < 4; ++i)
-        v |= quint32(p[i]) << (m_bigEndian ? 8 * (3 - i) : 8 * i);
-    return qint32(v);
+    return qint32(m_bigEndian ? qFromBigEndian<quint32>(p) : qFromLittleEndian<quint32>(p));
 }
 
 // A count byte followed by 32-bit values. A count larger than the values

@@ -48,8 +48,14 @@ public:
     typedef void (*StateCallback)(int state);
 
     // Static helpers, pure.
-    static bool isValidAddress(qint32 address);
+    static bool isValidAddress(qint32 address)
+    {
+        return address >= 0 && address <= kMaxAddress && address % 1000000 <= kMaxAddressOffset;
+    }
     static quint16 crc16(const quint8 *data, int length);
+    // Controller text rule: the number of leading bytes, at most maxLen,
+    // before the first byte that is 0 or has its top bit set.
+    static int textRunLength(const char *text, int maxLen);
 
     explicit HProtocol_Client(quint8 *sendBuffer = nullptr, quint8 *recvBuffer = nullptr, int linkMode = TcpMode);
     virtual ~HProtocol_Client();
@@ -74,12 +80,18 @@ public:
     // ---- Builders: each writes a whole frame into the send buffer and
     // returns its length, or 0 when it refuses its arguments.
 
+    // Whether a builder checks the addresses it is given. An owner that
+    // has checked them already (as it took them from the host) says so and
+    // they are not checked twice.
+    enum AddressCheck : int { CheckAddresses, AddressesChecked };
+
     // 'B' read variables: a range, an array, a list.
     int buildReadVars(qint32 firstAddress, int count);
-    int buildReadVars(const qint32 *addresses, int count);
+    int buildReadVars(const qint32 *addresses, int count, AddressCheck check = CheckAddresses);
     int buildReadVars(const QList<qint32> &addresses);
     // 'D' write variables: count pairs.
-    int buildWriteVars(const qint32 *addresses, const qint32 *values, int count);
+    int buildWriteVars(const qint32 *addresses, const qint32 *values, int count,
+                       AddressCheck check = CheckAddresses);
     // 'd' sub 1 (set file information) or sub 6 when ask is set (query state).
     int buildSetFileInf(quint8 channel, int type, const char *fileName, bool ask = false);
     // 'd' sub 2 / 3 from a terminated string.
@@ -188,8 +200,11 @@ private:
     };
 
     int finishFrame(int end, bool overflow);
+    // A 'B' frame of count addresses, address(i) giving the i-th.
+    template <typename Address>
+    int buildRead(int count, Address address, AddressCheck check);
     int buildSimple(quint8 letter, quint8 sub);
-    int buildText(quint8 sub, const char *text, int length);
+    int buildText(quint8 sub, const char *text, int run);
     int buildTerminatedText(quint8 sub, const char *text);
 
     static bool pduByte(const Pdu &pdu, int index, int *value);

@@ -11,6 +11,7 @@
 #include <QString>
 
 #include <chrono>
+#include <climits>
 #include <cstring>
 #include <thread>
 
@@ -40,11 +41,7 @@ const char kUnforeseenText[] = "(返回状态不可预见)state====";
 // Leading bytes that the controller text rule lets through.
 int textRun(const char *text)
 {
-    int n = 0;
-    if (text)
-        while (static_cast<signed char>(text[n]) > 0)
-            ++n;
-    return n;
+    return text ? HProtocol_Client::textRunLength(text, INT_MAX) : 0;
 }
 
 // Per-byte trace of a chunk (debug bit 1).
@@ -55,20 +52,16 @@ void logChunkByte(const char *signature, int index, int position, char byte)
                        << QStringLiteral("  letter= 0X") + hex << " " << QString(QChar::fromLatin1(byte));
 }
 
-// Copies one chunk of 7-bit text: up to kChunkSize bytes, ending at the
-// first byte that is 0 or has its top bit set (a byte of 0x80 or above ends
-// the transfer there, on purpose). Returns the bytes copied; a full chunk
-// means more may follow. `offset` is where the chunk starts in the whole
-// text, for the trace.
-int copyChunk(const char *signature, const char *source, int offset, char *chunk, bool trace)
+// The length of one chunk of 7-bit text starting at `source`: up to
+// kChunkSize bytes, ending at the first byte that is 0 or has its top bit
+// set (a byte of 0x80 or above ends the transfer there, on purpose). A full
+// chunk means more may follow. The chunk is built from the text where it
+// lies. `offset` is where the chunk starts in the whole text, for the trace.
+int chunkLength(const char *signature, const char *source, int offset, bool trace)
 {
-    int n = 0;
-    while (n < AsynchronousClient::kChunkSize && static_cast<signed char>(source[n]) > 0) {
-        chunk[n] = source[n];
-        if (trace)
-            logChunkByte(signature, n, offset + n, source[n]);
-        ++n;
-    }
+    const int n = HProtocol_Client::textRunLength(source, AsynchronousClient::kChunkSize);
+    for (int i = 0; trace && i < n; ++i)
+        logChunkByte(signature, i, offset + i, source[i]);
     return n;
 }
 
@@ -162,9 +155,9 @@ long int AsynchronousClient::overwrite(char *txt)
     const long int refused = lockForText(kOverwriteSig, txt);
     if (refused != StatusOk)
         return refused;
-    char chunk[kChunkSize + 1] = {};
-    m_moreToSend.store(copyChunk(kOverwriteSig, txt, 0, chunk, debugDetails()) == kChunkSize);
-    const long int result = queueFrame(buildOverWriteTxt(chunk));
+    const int length = chunkLength(kOverwriteSig, txt, 0, debugDetails());
+    m_moreToSend.store(length == kChunkSize);
+    const long int result = queueFrame(buildOverWriteTxt(txt, length));
     if (isDirectMode()) {
         const long int failed = transferExchange();
         if (failed != StatusOk)
@@ -176,9 +169,8 @@ long int AsynchronousClient::overwrite(char *txt)
             return StatusQueueFull;
     }
     if (m_moreToSend.load()) {
-        QByteArray rest(txt + kChunkSize);
         m_mutex.unlock();
-        return append(rest.data());
+        return append(txt + kChunkSize);
     }
     m_mutex.unlock();
     return result;
@@ -194,11 +186,12 @@ long int AsynchronousClient::append(char *txt)
     int k = 0;
     long int result = StatusOk;
     for (;;) {
-        char chunk[kChunkSize + 1] = {};
         // Every earlier chunk held 400 text bytes, so chunk k starts inside txt.
-        if (copyChunk(kAppendSig, txt + kChunkSize * k, kChunkSize * k, chunk, traceBytes) < kChunkSize)
+        const char *chunk = txt + kChunkSize * k;
+        const int length = chunkLength(kAppendSig, chunk, kChunkSize * k, traceBytes);
+        if (length < kChunkSize)
             m_moreToSend.store(false);
-        const long int queued = queueFrame(buildAppendTxt(chunk));
+        const long int queued = queueFrame(buildAppendTxt(chunk, length));
         if (isDirectMode()) {
             const long int failed = transferExchange();
             if (failed != StatusOk)

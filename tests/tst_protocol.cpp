@@ -262,6 +262,10 @@ void tst_Protocol::builders_data()
         const qint32 a[] = { 0x12345, 169999, 1169999 };
         return c.buildReadVars(a, 3);
     }) << hex("00000000 0f00 00 42 03 45230100 0f980200 4fda1100");
+    QTest::newRow("B array checked by the caller") << 0 << false << Build([](HProtocol_Client &c) {
+        const qint32 a[] = { 0x12345, 169999 };
+        return c.buildReadVars(a, 2, HProtocol_Client::AddressesChecked);
+    }) << hex("00000000 0b00 00 42 02 45230100 0f980200");
     QTest::newRow("B list") << 0 << false << Build([](HProtocol_Client &c) {
         return c.buildReadVars(QList<qint32>() << 1020300 << 5);
     }) << hex("00000000 0b00 00 42 02 8c910f00 05000000");
@@ -291,6 +295,9 @@ void tst_Protocol::builders_data()
     QTest::newRow("d2 text stops at top bit")
         << 0 << false << Build([](HProtocol_Client &c) { return c.buildAppendTxt("AB\xE4" "CD"); })
         << hex("00000000 0600 00 64 02 4142 00");
+    QTest::newRow("d2 text stops at top bit past 8 bytes")
+        << 0 << false << Build([](HProtocol_Client &c) { return c.buildAppendTxt("ABCDEFGHIJ\x80" "CD"); })
+        << hex("00000000 0e00 00 64 02 4142434445464748494a 00");
     QTest::newRow("d2 479 bytes") << 0 << false
                                   << Build([text479](HProtocol_Client &c) { return c.buildAppendTxt(text479.constData()); })
                                   << tcpReply(hex("64 02") + text479 + hex("00"));
