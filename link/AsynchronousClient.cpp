@@ -759,7 +759,7 @@ long int AsynchronousClient::runOperation(const char *signature, const std::func
 
 long int AsynchronousClient::CheckTcpWdt()
 {
-    qDebug() << "CheckTcpWdt" << "IN FUNCTION";
+    CommLog::debugLine(QStringLiteral("CheckTcpWdt IN FUNCTION"));
     std::unique_lock<ClientLock> lock(m_mutex);
     if (linkDown(kWatchdogSig))
         return StatusDisconnected;
@@ -771,7 +771,7 @@ long int AsynchronousClient::CheckTcpWdt()
         status = exchangeStatus(replied, status);
     }
     lock.unlock();
-    qDebug() << "CheckTcpWdt" << "OUT FUNCTION";
+    CommLog::debugLine(QStringLiteral("CheckTcpWdt OUT FUNCTION"));
     return status;
 }
 

@@ -7,6 +7,7 @@
 #include <QTextStream>
 
 #include <atomic>
+#include <cstring>
 
 namespace {
 
@@ -44,9 +45,38 @@ QString CommLog::filePath(const QDateTime &time)
         + time.toString(QStringLiteral("_yyyy-MM-dd-hh")) + QStringLiteral(".txt");
 }
 
+namespace {
+
+// Whether a text is printable ASCII throughout (nothing to escape), eight
+// bytes at a time: no byte with its top bit set, below 0x20 or equal to
+// 0x7f.
+bool printableAscii(const char *text, size_t length)
+{
+    const quint64 ones = 0x0101010101010101ULL;
+    const quint64 tops = 0x8080808080808080ULL;
+    size_t i = 0;
+    for (quint64 w; i + 8 <= length; i += 8) {
+        std::memcpy(&w, text + i, 8);
+        const quint64 del = w ^ (0x7f * ones);
+        if ((w & tops) || ((w - 0x20 * ones) & ~w & tops) || ((del - ones) & ~del & tops))
+            return false;
+    }
+    for (; i < length; ++i)
+        if (quint8(text[i]) < 0x20 || quint8(text[i]) >= 0x7f)
+            return false;
+    return true;
+}
+
+} // namespace
+
 QString CommLog::hostText(const char *text)
 {
-    const QString in = text ? QString::fromUtf8(text) : QString();
+    // Program text in log lines is mostly plain: taken as it is, in one
+    // conversion, not character by character.
+    const size_t length = text ? std::strlen(text) : 0;
+    if (printableAscii(text, length))
+        return QString::fromLatin1(text, int(length));
+    const QString in = QString::fromUtf8(text, int(length));
     QString out;
     out.reserve(in.size());
     for (const QChar c : in) {
@@ -85,6 +115,13 @@ void CommLog::write(const QString &message)
     stream << line << "\r\n";
     stream.flush();
     file.close();
+}
+
+void CommLog::debugLine(const QString &line)
+{
+    // What qDebug() << ... would do, without building a stream: the
+    // default category's filter and the installed handler both apply.
+    qt_message_output(QtDebugMsg, QMessageLogContext(), line);
 }
 
 void CommLog::messageHandler(QtMsgType, const QMessageLogContext &, const QString &message)

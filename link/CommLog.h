@@ -29,6 +29,10 @@ public:
     // written as \r, \n, \t or \xNN, so no text can end a line or forge
     // the next one. Null gives an empty text.
     static QString hostText(const char *text);
+    // A fixed line into the debug message stream, as qDebug() writes it
+    // (category "default", its filter, the installed handler), at less
+    // cost than building it through a QDebug stream.
+    static void debugLine(const QString &line);
     // Appends one line (with "\r\n") under the log lock; failures are silent.
     static void write(const QString &message);
 

@@ -84,6 +84,26 @@ private slots:
         QVERIFY(line.startsWith(stamp + " " + t.toString("ddd") + ": "));
     }
 
+    // A host's text as it goes into a log line: nothing can end the line.
+    void hostText_data()
+    {
+        QTest::addColumn<QByteArray>("text");
+        QTest::addColumn<QString>("logged");
+        QTest::newRow("plain program text -> as it is") << QByteArray("G01 X10 Y20 F300 M3") << "G01 X10 Y20 F300 M3";
+        QTest::newRow("CR LF past the first eight bytes -> \\r\\n")
+            << QByteArray("G01 X10 Y\r\nFORGED") << "G01 X10 Y\\r\\nFORGED";
+        QTest::newRow("DEL and a tab -> \\x7f, \\t") << QByteArray("N10 G00\x7f\tX1") << "N10 G00\\x7f\\tX1";
+        QTest::newRow("UTF-8 text -> kept, a C1 control escaped")
+            << QByteArray("\xe7\xa8\x8b\xe5\xba\x8f O1000 \xc2\x85") << QString::fromUtf8("程序 O1000 \\x85");
+        QTest::newRow("null -> empty") << QByteArray() << "";
+    }
+    void hostText()
+    {
+        QFETCH(QByteArray, text);
+        QFETCH(QString, logged);
+        QCOMPARE(CommLog::hostText(text.isNull() ? nullptr : text.constData()), logged);
+    }
+
     void linesGoToTheFileOfTheirHour()
     {
         CommLog::install(true);
