@@ -740,6 +740,33 @@ long int AsynchronousClient::exchangeStatus(bool replied, long int queued) const
     return queued;
 }
 
+long int AsynchronousClient::queueAndExchange(int length, bool *replied)
+{
+    *replied = false;
+    if (isDirectMode() && length > 0) {
+        // Queued behind nothing, the frame would be the next one sent: it
+        // goes out from the send buffer, without a copy into the queue.
+        bool next;
+        {
+            std::unique_lock<std::mutex> lock(m_dataMutex);
+            next = m_queue.isEmpty() && m_queueLimit.load() >= 0;
+            if (next) {
+                m_sentAddresses.clear();
+                m_sentResults = nullptr;
+                m_sentIsPoll = false;
+            }
+        }
+        if (next) {
+            *replied = exchange(reinterpret_cast<const char *>(sendBuffer()), length);
+            return StatusOk;
+        }
+    }
+    const long int queued = queueFrame(length);
+    if (isDirectMode())
+        *replied = exchangeNext();
+    return queued;
+}
+
 long int AsynchronousClient::runOperation(const char *signature, const std::function<int()> &build)
 {
     std::unique_lock<ClientLock> lock(m_mutex);
@@ -748,10 +775,11 @@ long int AsynchronousClient::runOperation(const char *signature, const std::func
     const int length = build();
     if (length <= 0)
         return StatusParError;
-    const long int queued = queueFrame(length);
+    bool replied = false;
+    const long int queued = queueAndExchange(length, &replied);
     if (!isDirectMode())
         return queued;
-    return exchangeStatus(exchangeNext(), queued);
+    return exchangeStatus(replied, queued);
 }
 
 // ---------------------------------------------------------------------------
@@ -763,9 +791,9 @@ long int AsynchronousClient::CheckTcpWdt()
     std::unique_lock<ClientLock> lock(m_mutex);
     if (linkDown(kWatchdogSig))
         return StatusDisconnected;
-    long int status = queueFrame(buildWatchdog());
+    bool replied = false;
+    long int status = queueAndExchange(buildWatchdog(), &replied);
     if (isDirectMode()) {
-        const bool replied = exchangeNext();
         if (!replied)
             return StatusNoReply;
         status = exchangeStatus(replied, status);

@@ -171,6 +171,9 @@ protected:
     // Direct mode: takes the next non-empty queued frame into outgoing and
     // runs the exchange. False when no reply came (or nothing was queued).
     bool exchangeNext();
+    // queueFrame(length), then in direct mode exchangeNext(), whose result
+    // goes to *replied (false in thread mode).
+    long int queueAndExchange(int length, bool *replied);
     // Direct mode: sends the frame, waits for the reply, parses it; false
     // when no reply came.
     bool exchange(const char *frame, int size);
@@ -279,9 +282,9 @@ private:
     // Start of overwrite and append: takes m_mutex and checks the link and
     // the announced file. 0 with the lock held, else 7 or 1 with it released.
     long int lockForText(const char *signature, const char *txt);
-    // Direct-mode exchange of a transfer step: 111 with m_mutex released,
-    // 100 with it still held (the alarm blocks the client), else 0.
-    long int transferExchange();
+    // The outcome of a transfer step's direct exchange: 111 with m_mutex
+    // released, 100 with it still held (the alarm blocks the client), else 0.
+    long int transferExchange(bool replied);
 
 protected:
     // ---- end of controller operations

@@ -104,9 +104,10 @@ long int AsynchronousClient::setTransFileType(long int type, long int channel, c
         m_mutex.unlock();
         return StatusParError;
     }
-    const long int result = queueFrame(buildSetFileInf(quint8(channel), int(type), fileName, query));
+    bool replied = false;
+    const long int result = queueAndExchange(buildSetFileInf(quint8(channel), int(type), fileName, query), &replied);
     if (isDirectMode()) {
-        const long int failed = transferExchange();
+        const long int failed = transferExchange(replied);
         if (failed != StatusOk)
             return failed;
         if (m_errorFlag.load()) {
@@ -123,9 +124,9 @@ long int AsynchronousClient::setTransFileType(long int type, long int channel, c
     return result;
 }
 
-long int AsynchronousClient::transferExchange()
+long int AsynchronousClient::transferExchange(bool replied)
 {
-    if (!exchangeNext()) {
+    if (!replied) {
         m_mutex.unlock();
         return StatusNoReply;
     }
@@ -157,9 +158,10 @@ long int AsynchronousClient::overwrite(char *txt)
         return refused;
     const int length = chunkLength(kOverwriteSig, txt, 0, debugDetails());
     m_moreToSend.store(length == kChunkSize);
-    const long int result = queueFrame(buildOverWriteTxt(txt, length));
+    bool replied = false;
+    const long int result = queueAndExchange(buildOverWriteTxt(txt, length), &replied);
     if (isDirectMode()) {
-        const long int failed = transferExchange();
+        const long int failed = transferExchange(replied);
         if (failed != StatusOk)
             return failed;
         // These two leave m_mutex held, as the alarm does.
@@ -191,9 +193,10 @@ long int AsynchronousClient::append(char *txt)
         const int length = chunkLength(kAppendSig, chunk, kChunkSize * k, traceBytes);
         if (length < kChunkSize)
             m_moreToSend.store(false);
-        const long int queued = queueFrame(buildAppendTxt(chunk, length));
+        bool replied = false;
+        const long int queued = queueAndExchange(buildAppendTxt(chunk, length), &replied);
         if (isDirectMode()) {
-            const long int failed = transferExchange();
+            const long int failed = transferExchange(replied);
             if (failed != StatusOk)
                 return failed;
             if (m_errorFlag.load() || m_memoryFull.load()) {
