@@ -300,14 +300,15 @@ private:
     bool performJob(Job job, const QByteArray &data);
     // Thread mode: one exchange of the loop on the socket's descriptor;
     // true for a good reply (not refused, not missing).
-    bool threadExchange(qintptr fd, const QByteArray &frame);
+    bool threadExchange(qintptr fd, bool blocks, const QByteArray &frame);
     // Direct mode: the exchange on the descriptor, in the caller's thread.
     // The size of the reply (in the receive buffer), 0 without one.
     int directExchange(const char *frame, int size);
     // Both modes: sends the frame and waits for the reply that matches it
     // within the reply budget, which ends up in the receive buffer; its
     // size, or 0 without one. Sets *closed when the link went down.
-    int wireExchange(qintptr fd, const char *frame, int size, bool *closed);
+    // `blocks`: the descriptor's reads block for a wait slice.
+    int wireExchange(qintptr fd, bool blocks, const char *frame, int size, bool *closed);
     void markClosed();
     void updateLinkMirror();
     // Next frame of the thread loop (under m_dataMutex); empty when idle.
@@ -394,6 +395,7 @@ private:
     QByteArray m_jobData;
     int m_socketState = 0;                 // QAbstractSocket::SocketState mirror
     qintptr m_descriptor = -1;             // while connected, for direct-mode exchanges
+    bool m_readsBlock = false;             // its reads block for a wait slice
     QString m_socketError;
 };
 
