@@ -90,18 +90,30 @@ int scaled(int calls)
     return g_options.quick ? std::max(3, calls / 10) : calls;
 }
 
+// One call of a measure: its nanoseconds, or < 0 when it failed.
+typedef std::function<double()> Sample;
+
+// A call timed as a whole.
+Sample timed(const std::function<bool()> &call)
+{
+    return [call] {
+        const std::int64_t start = nowNs();
+        return call() ? double(nowNs() - start) : -1.0;
+    };
+}
+
 // The timed loops, one per side, kept out of line so that callgrind can
 // count each side alone (--toggle-collect=runLibrary / runRaw). Median
 // nanoseconds of one call, or -1 when a call failed.
-double timeCalls(int calls, const std::function<bool()> &call)
+double timeCalls(int calls, const Sample &sample)
 {
     std::vector<double> ns;
     ns.reserve(size_t(calls));
     for (int i = 0; i < calls; ++i) {
-        const std::int64_t start = nowNs();
-        if (!call())
+        const double one = sample();
+        if (one < 0)
             return -1;
-        ns.push_back(double(nowNs() - start));
+        ns.push_back(one);
     }
     return median(ns);
 }
@@ -112,14 +124,14 @@ double timeCalls(int calls, const std::function<bool()> &call)
 #  define BENCH_OUT_OF_LINE __attribute__((noipa))   // also never folded into its twin
 #endif
 
-BENCH_OUT_OF_LINE double runLibrary(int calls, const std::function<bool()> &call)
+BENCH_OUT_OF_LINE double runLibrary(int calls, const Sample &sample)
 {
-    return timeCalls(calls, call);
+    return timeCalls(calls, sample);
 }
 
-BENCH_OUT_OF_LINE double runRaw(int calls, const std::function<bool()> &call)
+BENCH_OUT_OF_LINE double runRaw(int calls, const Sample &sample)
 {
-    return timeCalls(calls, call);
+    return timeCalls(calls, sample);
 }
 
 struct Comparison {
@@ -133,11 +145,11 @@ struct Comparison {
 
 // Rounds of `calls` calls on each side, the order alternating, after a
 // warm-up of each.
-Comparison compare(int calls, const std::function<bool()> &library, const std::function<bool()> &raw)
+Comparison compare(int calls, const Sample &library, const Sample &raw)
 {
     Comparison c;
     for (int i = 0; i < std::max(1, calls / 10); ++i)
-        if (!library() || !raw())
+        if (library() < 0 || raw() < 0)
             return c;
     std::vector<double> lib, floor, ratios;
     for (int round = 0; round < g_options.rounds; ++round) {
@@ -234,13 +246,13 @@ void directCalls()
         scattered[size_t(i)] = addresses[size_t(i * 37 % 64)];
     std::vector<long> values(1000), rawValues(1000);
     auto readVars = [&](int n, const std::vector<long> &from) {
-        return [&, n] {
+        return timed([&, n] {
             return velmora_readVars(const_cast<long *>(from.data()), n, values.data(), kMain) == 0
                 && values[size_t(n - 1)] == from[size_t(n - 1)];
-        };
+        });
     };
     auto rawRead = [&](int n, const std::vector<long> &from) {
-        return [&, n] { return raw.readVars(from.data(), n, rawValues.data()); };
+        return timed([&, n] { return raw.readVars(from.data(), n, rawValues.data()); });
     };
     Comparison read1000;
     if (selected("readVars 64"))
@@ -256,7 +268,7 @@ void directCalls()
         // A Modbus-TCP-style read of 124 registers per request on the same
         // server: its raw floor per variable is below any client of it.
         std::uint16_t registers[124];
-        auto modbusRead = [&] { return modbus.readRegisters(0, 124, registers); };
+        const Sample modbusRead = timed([&] { return modbus.readRegisters(0, 124, registers); });
         std::vector<double> floor;
         for (int round = 0; round < g_options.rounds; ++round)
             floor.push_back(runRaw(scaled(4000), modbusRead));
@@ -276,17 +288,17 @@ void directCalls()
     }
     if (selected("writeVars 31")) {
         timeLine("writeVars 31",
-                 compare(scaled(4000),
-                         [&] {
+                 compare(scaled(4000), timed([&] {
                              return velmora_writeVars(const_cast<long *>(addresses.data()), 31, values.data(), kMain)
                                  == 0;
-                         },
-                         [&] { return raw.writeVars(addresses.data(), 31, values.data()); }),
+                         }),
+                         timed([&] { return raw.writeVars(addresses.data(), 31, values.data()); })),
                  1.1);
     }
     if (selected("CheckTcpWdt"))
         timeLine("CheckTcpWdt (its two lines logged)",
-                 compare(scaled(4000), [] { return velmora_CheckTcpWdt(kMain) == 0; }, [&] { return raw.watchdog(); }),
+                 compare(scaled(4000), timed([] { return velmora_CheckTcpWdt(kMain) == 0; }),
+                         timed([&] { return raw.watchdog(); })),
                  1.25);
 }
 
@@ -335,8 +347,8 @@ void upload()
         char name[] = "BENCH";
         const Comparison c = compare(
             std::max(2, scaled(row.calls)),
-            [&] { return velmora_uploadFile(2, 1, name, &copy[0], kMain) == 0; },
-            [&] { return rawUpload(raw, text); });
+            timed([&] { return velmora_uploadFile(2, 1, name, &copy[0], kMain) == 0; }),
+            timed([&] { return rawUpload(raw, text); }));
         rateLine(row.name, c, row.size, 0.9);
     }
 }
@@ -356,16 +368,20 @@ void *openIdleBuffer()
 }
 
 // Streams `total` bytes in writes of kStreamPiece, `burst` writes at a time
-// (0: as fast as the buffer's room allows) until the server has them all.
-bool libraryStream(int total, int burst)
+// (0: as fast as the buffer's room allows) until the server has them all:
+// the nanoseconds from the first write to the last byte at the server, or
+// -1. Opening (connect, announcement) and closing (which waits for the
+// buffer's thread) are not timed, as the floor's connect is not.
+double libraryStream(int total, int burst)
 {
     void *h = openIdleBuffer();
     if (velmora_getBufState(h) != 5) {
         velmora_bufClose(h);
-        return false;
+        return -1;
     }
     std::string piece = pattern(kStreamPiece);
     const std::uint64_t base = g_server.counters().textBytes.load();
+    const std::int64_t start = nowNs();
     bool ok = true;
     int inBurst = 0;
     for (int written = 0; written < total && ok;) {
@@ -382,20 +398,22 @@ bool libraryStream(int total, int burst)
         }
     }
     ok = ok && g_server.waitText(base + std::uint64_t(total), 60000);
+    const double ns = double(nowNs() - start);
     velmora_bufClose(h);
-    return ok;
+    return ok ? ns : -1;
 }
 
-bool rawStream(RawClient &raw, int total)
+double rawStream(RawClient &raw, int total)
 {
     const std::string piece = pattern(kStreamPiece);
+    const std::int64_t start = nowNs();
     for (int written = 0; written < total;) {
         const int n = std::min(kStreamPiece, total - written);
         if (!raw.text(false, piece.data(), n))
-            return false;
+            return -1;
         written += n;
     }
-    return true;
+    return double(nowNs() - start);
 }
 
 // The send-next wait: every 20th text request is answered "busy"; the
@@ -590,20 +608,18 @@ void manyControllers()
             return;
     int next = 0;
     int nextRaw = 0;
-    const Comparison lib = compare(
-        scaled(2000),
-        [&] {
-            next = (next + 1) % total;
-            return velmora_readVars(addresses.data(), 64, values.data(), first + next) == 0;
-        },
-        [&] { return velmora_readVars(addresses.data(), 64, values.data(), first) == 0; });
-    const Comparison raw = compare(
-        scaled(2000),
-        [&] {
-            nextRaw = (nextRaw + 1) % total;
-            return raws[size_t(nextRaw)].readVars(addresses.data(), 64, values.data());
-        },
-        [&] { return raws[0].readVars(addresses.data(), 64, values.data()); });
+    const Comparison lib = compare(scaled(2000), timed([&] {
+                                       next = (next + 1) % total;
+                                       return velmora_readVars(addresses.data(), 64, values.data(), first + next) == 0;
+                                   }),
+                                   timed([&] {
+                                       return velmora_readVars(addresses.data(), 64, values.data(), first) == 0;
+                                   }));
+    const Comparison raw = compare(scaled(2000), timed([&] {
+                                       nextRaw = (nextRaw + 1) % total;
+                                       return raws[size_t(nextRaw)].readVars(addresses.data(), 64, values.data());
+                                   }),
+                                   timed([&] { return raws[0].readVars(addresses.data(), 64, values.data()); }));
     if (lib.ok && raw.ok) {
         std::printf("  %-34s %10.1f us %10.1f us   200 / 1: %5.2f\n", "readVars 64, library, 200 vs 1",
                     lib.library / 1e3, lib.raw / 1e3, lib.ratio);
