@@ -84,6 +84,11 @@ int answer(const std::uint8_t *req, int size, std::uint8_t *rep, MiniServer::Cou
                 c.busyReplies.fetch_add(1);
             out[m++] = busy ? 2 : 0;
             textReceived(c, text);
+        } else if (sub == 5) {
+            int left = c.busyPolls.load();
+            while (left > 0 && !c.busyPolls.compare_exchange_weak(left, left - 1)) {
+            }
+            out[m++] = left > 0 ? 1 : 0;
         } else {
             out[m++] = 0;
         }

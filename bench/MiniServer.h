@@ -29,6 +29,7 @@ public:
         std::atomic<std::uint64_t> textBytes;   // text of 'd' 2 and 3 requests
         std::atomic<int> busyEvery;             // every n-th text request answered "busy" (0: none)
         std::atomic<std::uint64_t> busyReplies;
+        std::atomic<int> busyPolls;             // send-next requests still to be answered "busy"
         std::atomic<std::uint64_t> textTarget;  // waitText() wakes when textBytes reaches it
         pthread_mutex_t mutex;
         pthread_cond_t cond;
