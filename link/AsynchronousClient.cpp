@@ -1,6 +1,7 @@
 #include "AsynchronousClient.h"
 
 #include "CommLog.h"
+#include "RawSocket.h"
 #include "TsanAnnotations.h"
 
 #include <QDebug>
@@ -10,22 +11,11 @@
 #include <QTcpSocket>
 #include <QVector>
 
-#include <cerrno>
 #include <chrono>
 #include <climits>
 #include <cstdint>
 #include <cstring>
 
-#ifdef Q_OS_WIN
-#  include <winsock2.h>
-typedef SOCKET NativeSocket;
-#else
-#  include <fcntl.h>
-#  include <poll.h>
-#  include <sys/socket.h>
-#  include <sys/time.h>
-typedef int NativeSocket;
-#endif
 
 namespace {
 
@@ -79,119 +69,6 @@ bool hasRepeats(const std::vector<qint32> &addresses, std::vector<qint32> &seen)
         seen[i] = address + 1;
     }
     return false;
-}
-
-// Direct-mode exchanges run on the socket's descriptor in the caller's
-// thread: a hand-off to the socket thread costs two context switches per
-// request, as much as the round trip itself. The QTcpSocket object is only
-// touched by its own thread, and that thread is kept out (job slot) while a
-// caller uses the descriptor.
-#ifdef Q_OS_WIN
-const int kRecvFlags = 0;
-const int kSendFlags = 0;
-bool wouldBlock() { return WSAGetLastError() == WSAEWOULDBLOCK; }
-int pollOne(pollfd *p, int ms) { return WSAPoll(p, 1, ms); }
-#else
-const int kRecvFlags = MSG_DONTWAIT;
-const int kSendFlags = MSG_DONTWAIT | MSG_NOSIGNAL;   // a closed peer must not raise SIGPIPE in the host
-bool wouldBlock() { return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR; }
-int pollOne(pollfd *p, int ms) { return ::poll(p, 1, ms); }
-#endif
-
-bool rawWait(NativeSocket fd, short events, int ms)
-{
-    pollfd p;
-    p.fd = fd;
-    p.events = events;
-    p.revents = 0;
-    return pollOne(&p, ms) > 0;   // hang-up and error count too: the read reports them
-}
-
-// One read without blocking: the bytes read, 0 when none are there; sets
-// *closed at end of stream or on an error.
-int rawRead(NativeSocket fd, char *into, int size, bool *closed)
-{
-    const auto n = ::recv(fd, into, size, kRecvFlags);
-    if (n > 0)
-        return int(n);
-    if (n == 0 || !wouldBlock())
-        *closed = true;
-    return 0;
-}
-
-// Waits at most one slice for reply bytes and reads what came: the bytes
-// read, 0 when none came. On a descriptor made blocking by
-// blockingReads() the wait and the read are one call.
-int awaitRead(NativeSocket fd, bool blocking, char *into, int size, int ms, bool *closed)
-{
-#ifndef Q_OS_WIN
-    if (blocking) {
-        const auto n = ::recv(fd, into, size_t(size), 0);
-        if (n > 0)
-            return int(n);
-        if (n == 0 || !wouldBlock())
-            *closed = true;
-        return 0;
-    }
-#else
-    Q_UNUSED(blocking);
-#endif
-    if (!rawWait(fd, POLLIN, ms))
-        return 0;
-    return rawRead(fd, into, size, closed);
-}
-
-// Makes a connected descriptor's reads block for at most one wait slice, so
-// that a reply is awaited in recv itself instead of poll and then recv: one
-// syscall less per request. Sends and the drain stay non-blocking (their
-// flags say so). Qt, which made the descriptor non-blocking, does not read
-// it while the client holds it: its socket is used for connecting and
-// closing only. On Windows, where Qt's socket notifiers keep a socket
-// non-blocking, replies are awaited with WSAPoll. True when done.
-bool blockingReads(NativeSocket fd)
-{
-#ifdef Q_OS_WIN
-    Q_UNUSED(fd);
-    return false;
-#else
-    timeval slice;
-    slice.tv_sec = 0;
-    slice.tv_usec = AsynchronousClient::kWaitSliceMs * 1000;
-    const int flags = ::fcntl(fd, F_GETFL);
-    return flags != -1 && ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &slice, sizeof slice) == 0
-        && ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) == 0;
-#endif
-}
-
-// Drops what has arrived, e.g. the rest of a reply given up on, but at most
-// `limit` bytes: a controller that streams cannot hold the caller here.
-int rawDiscard(NativeSocket fd, int limit, bool *closed)
-{
-    char buffer[4096];
-    int total = 0;
-    while (total < limit && !*closed) {
-        const int n = rawRead(fd, buffer, int(sizeof buffer), closed);
-        if (n <= 0)
-            break;
-        total += n;
-    }
-    return total;
-}
-
-bool rawWriteAll(NativeSocket fd, const char *data, int size, int waitMs)
-{
-    int done = 0;
-    while (done < size) {
-        const auto n = ::send(fd, data + done, size - done, kSendFlags);
-        if (n > 0) {
-            done += int(n);
-            continue;
-        }
-        if (n < 0 && wouldBlock() && rawWait(fd, POLLOUT, waitMs))
-            continue;
-        return false;
-    }
-    return true;
 }
 
 } // namespace
@@ -378,7 +255,11 @@ bool AsynchronousClient::performJob(Job job, const QByteArray &data)
         }
         if (!ok)
             socket.abort();
-        const bool blocks = ok && blockingReads(NativeSocket(socket.socketDescriptor()));
+        // Direct-mode exchanges run on the descriptor in the caller's
+        // thread: a hand-off to this thread would cost two context
+        // switches per request, as much as the round trip itself. This
+        // thread is kept out (job slot) while a caller uses it.
+        const bool blocks = ok && RawSocket::blockReads(socket.socketDescriptor(), kWaitSliceMs);
         {
             std::unique_lock<std::mutex> lock(m_dataMutex);
             m_readsBlock = blocks;
@@ -435,16 +316,16 @@ bool AsynchronousClient::threadExchange(qintptr fd, bool blocks, const QByteArra
 int AsynchronousClient::wireExchange(qintptr descriptor, bool blocks, const char *frame, int frameSize,
                                      bool *closed)
 {
-    const NativeSocket fd = NativeSocket(descriptor);
+    const RawSocket::Descriptor fd = descriptor;
     // Stale bytes can only be there when the last exchange did not end
     // cleanly; otherwise the read before the send is one syscall for nothing.
     if (m_linkDirty.load()) {
-        const int stale = rawDiscard(fd, kDiscardLimit, closed);
+        const int stale = RawSocket::discard(fd, kDiscardLimit, closed);
         if (stale > 0 && debugErrors())
             qDebug() << kReadyReadSig << "1 Error." << stale;
     }
     m_linkDirty.store(true);
-    if (*closed || !rawWriteAll(fd, frame, frameSize, kReplyWaitMs)) {
+    if (*closed || !RawSocket::sendAll(fd, frame, frameSize, kReplyWaitMs)) {
         *closed = true;
         return 0;
     }
@@ -467,7 +348,7 @@ int AsynchronousClient::wireExchange(qintptr descriptor, bool blocks, const char
         if (left <= 0)
             break;
         // Short slices: a disconnect or stop must not wait for the budget.
-        const int n = awaitRead(fd, blocks, buffer + have, int(sizeof buffer) - have,
+        const int n = RawSocket::awaitRead(fd, blocks, buffer + have, int(sizeof buffer) - have,
                                 int(qMin<qint64>(left, kWaitSliceMs)), closed);
         if (n <= 0)
             continue;

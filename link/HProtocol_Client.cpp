@@ -367,11 +367,11 @@ int HProtocol_Client::buildFileEnd()
 int HProtocol_Client::buildRequestSendNext()
 {
     const int len = buildSimple(LetterFile, 5);
-    // Polled, in short sleeps: the wait must not cost a CPU.
-    QElapsedTimer timer;
-    timer.start();
-    while (!timer.hasExpired(kSendNextWaitMs))
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    // One sleep to the end of the wait, not a poll of the clock: the wait
+    // must cost no CPU. A sleep that ends early sleeps again.
+    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(kSendNextWaitMs);
+    while (std::chrono::steady_clock::now() < until)
+        std::this_thread::sleep_until(until);
     return len;
 }
 

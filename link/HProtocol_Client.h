@@ -100,7 +100,7 @@ public:
     // 'd' sub 2 / 3 from an explicit length.
     int buildAppendTxt(const char *text, int length);
     int buildOverWriteTxt(const char *text, int length);
-    // 'd' sub 4 and sub 5 (the latter busy-waits 50 ms after building).
+    // 'd' sub 4 and sub 5 (the latter waits 50 ms after building, asleep).
     int buildFileEnd();
     int buildRequestSendNext();
     // 'c' sub 1, 2, 3.

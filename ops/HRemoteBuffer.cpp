@@ -1,5 +1,6 @@
 #include "HRemoteBuffer.h"
 
+#include "RawSocket.h"
 #include "TsanAnnotations.h"
 
 #include <QCoreApplication>
@@ -72,7 +73,7 @@ HRemoteBuffer::~HRemoteBuffer()
         std::lock_guard<std::mutex> lock(handleLock());
         handleTable().remove(this);
     }
-    m_stop = true;
+    stopThread();
     wait();
     tsanAcquire(this);   // pairs with the end of run(): QThread::wait() is invisible to it
 }
@@ -89,7 +90,7 @@ int HRemoteBuffer::close(void *handle)
             return 1;   // already on its way out
         buffer->m_closing = true;
         buffer->m_state = StateClosed;
-        buffer->m_stop = true;
+        buffer->stopThread();
     }
     // Only this call schedules the deletion, so the object stays valid here.
     buffer->wait(kCloseWaitMs);
@@ -131,6 +132,17 @@ void HRemoteBuffer::scheduleDeletion()
     }
 }
 
+void HRemoteBuffer::stopThread()
+{
+    {
+        // Under the queue's lock: the thread checks the flag under it
+        // before it waits, so the wake cannot fall between the two.
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_stop = true;
+    }
+    m_wake.notify_all();
+}
+
 const char *HRemoteBuffer::fileName() const
 {
     return m_mode == MdiMode ? "MDI" : "DNC";
@@ -147,7 +159,7 @@ void HRemoteBuffer::setState(int state)
         m_state = state;
 }
 
-void HRemoteBuffer::setStateInfo(const QByteArray &text)
+void HRemoteBuffer::setStateInfo(const char *text)
 {
     std::lock_guard<std::mutex> lock(m_infoLock);
     if (m_stateInfo != text)
@@ -173,32 +185,38 @@ int HRemoteBuffer::write(const char *text)
 {
     if (!text)
         return 0;
-    std::lock_guard<std::mutex> lock(m_mutex);
-    const int state = m_state;
-    if (state != StateWorking && state != StateIdle)
-        return 0;
-    if (m_queue.size() > kMaxQueued || m_bytesWritten > kCapacity)
-        return 0;
-    m_state = StateWorking;
-    const QByteArray all(text);
-    if (m_mode == MdiMode)
-        m_bytesWritten += all.size();
-    for (int at = 0; at < all.size(); at += kPieceSize) {
-        // A piece of exactly 480 bytes builds nothing: its entry stays empty
-        // and the thread skips it.
-        const QByteArray piece = all.mid(at, kPieceSize);
-        m_queue.append(hostFrame(m_hostBuilder.buildAppendTxt(piece.constData())));
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        const int state = m_state;
+        if (state != StateWorking && state != StateIdle)
+            return 0;
+        if (m_queue.size() > kMaxQueued || m_bytesWritten > kCapacity)
+            return 0;
+        m_state = StateWorking;
+        const int length = int(std::strlen(text));
+        if (m_mode == MdiMode)
+            m_bytesWritten += length;
+        for (int at = 0; at < length; at += kPieceSize) {
+            // Each piece as the terminated text it would be on its own: a
+            // shorter piece builds as it is; of a full one, a run of exactly
+            // 480 bytes by the text rule builds nothing (its entry stays
+            // empty and the thread skips it).
+            const int piece = std::min(int(kPieceSize), length - at);
+            const int run = piece < kEmptyTextLen ? piece : textRunLength(text + at, piece);
+            m_queue.append(hostFrame(run == kEmptyTextLen ? 0 : m_hostBuilder.buildAppendTxt(text + at, run)));
+        }
+        // Every MDI write is one complete program.
+        if (m_mode == MdiMode)
+            m_queue.append(hostFrame(m_hostBuilder.buildFileEnd()));
+        m_state = m_queue.isEmpty() ? StateIdle : StateWorking;
     }
-    // Every MDI write is one complete program.
-    if (m_mode == MdiMode)
-        m_queue.append(hostFrame(m_hostBuilder.buildFileEnd()));
-    m_state = m_queue.isEmpty() ? StateIdle : StateWorking;
+    m_wake.notify_one();
     return 1;
 }
 
 int HRemoteBuffer::clear()
 {
-    std::lock_guard<std::mutex> lock(m_mutex);
+    std::unique_lock<std::mutex> lock(m_mutex);
     const int state = m_state;
     if (state != StateWorking && state != StateIdle)
         return 0;
@@ -207,6 +225,8 @@ int HRemoteBuffer::clear()
     // Overwriting with no text empties the file.
     m_queue.append(hostFrame(m_hostBuilder.buildOverWriteTxt("")));
     m_bytesWritten = 0;
+    lock.unlock();
+    m_wake.notify_one();
     return 1;
 }
 
@@ -252,6 +272,10 @@ void HRemoteBuffer::run()
     }
     // Set once the native socket exists; an option set before is dropped.
     socket.setSocketOption(QAbstractSocket::LowDelayOption, 1);
+    // Requests go out and replies come in on the descriptor itself; the
+    // Qt socket only connects and closes (see RawSocket).
+    const RawSocket::Descriptor fd = socket.socketDescriptor();
+    const bool blocks = RawSocket::blockReads(fd, kReplyWaitMs);
     m_connected = true;
     setState(StateAnnounce);
 
@@ -266,10 +290,10 @@ void HRemoteBuffer::run()
         if (state == StateWorking || state == StateIdle) {
             std::unique_lock<std::mutex> lock(m_mutex);
             if (m_queue.isEmpty()) {
+                // Idle until a write, a clear or the close: no polling.
                 setState(StateIdle);
-                lock.unlock();
                 setStateInfo("Command queue is empty.");
-                msleep(kIdleSleepMs);
+                m_wake.wait(lock, [this] { return m_stop || !m_queue.isEmpty(); });
                 continue;
             }
             m_current = m_queue.takeFirst();
@@ -294,23 +318,26 @@ void HRemoteBuffer::run()
         }
         sinceSend.start();
         m_sending = WaitingReply;
-        socket.write(m_current);
-        socket.flush();
         // One wait only: a late reply is not waited for again, the loop goes
         // on with whatever state it has. The wait ends with the first bytes
         // and what came is parsed: a reply cut across TCP segments is read
         // as far as it got (too short: no handler runs), and its tail comes
-        // in with the next exchange.
-        if (socket.waitForReadyRead(kReplyWaitMs)) {
-            const QByteArray reply = socket.readAll();
-            if (reply.size() >= 1 && reply.size() < kBufferSize) {
-                std::memcpy(m_rx, reply.constData(), size_t(reply.size()));
-                parse(reply.size());
-                m_sending = ReplyHandled;
-            }
+        // in with the next exchange. What came beyond a buffer's size is
+        // dropped unparsed, as a reply of 500 bytes or more always is.
+        bool closed = !RawSocket::sendAll(fd, m_current.constData(), m_current.size(), kReplyWaitMs);
+        int size = 0;
+        if (!closed) {
+            size = RawSocket::awaitRead(fd, blocks, reinterpret_cast<char *>(m_rx), kBufferSize, kReplyWaitMs,
+                                        &closed);
+            if (size == kBufferSize)
+                size += RawSocket::discard(fd, kMaxDropped, &closed);
+        }
+        if (size >= 1 && size < kBufferSize) {
+            parse(size);
+            m_sending = ReplyHandled;
         }
         // A lost connection would otherwise spin here resending into nothing.
-        if (socket.state() != QAbstractSocket::ConnectedState) {
+        if (closed) {
             m_state = StateClosed;
             break;
         }
@@ -340,7 +367,7 @@ void HRemoteBuffer::onReciveCmdSetFileInf(int state)
         break;
     default:
         setState(StateError);
-        setStateInfo("CmdSetFileInf:unknow state. state=" + QByteArray::number(state));
+        setStateInfo(("CmdSetFileInf:unknow state. state=" + QByteArray::number(state)).constData());
         break;
     }
 }

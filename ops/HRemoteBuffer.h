@@ -9,6 +9,7 @@
 #include <QThread>
 
 #include <atomic>
+#include <condition_variable>
 #include <mutex>
 
 // Streams program text to one channel of a controller over a connection and
@@ -22,7 +23,7 @@
 // are guarded by the buffer's mutex; the state text by a lock of its own
 // (standard mutexes, which ThreadSanitizer can follow).
 // Host-side requests are built with a builder of their own so that the
-// thread's send-next build (which busy-waits 50 ms) never holds the host out.
+// thread's send-next build (which waits 50 ms) never holds the host out.
 //
 // Lifetime: a buffer is made by open() and ends with close(). close() frees it
 // through the event loop when the buffer's home thread runs one (the
@@ -54,7 +55,8 @@ public:
         kMaxQueued = 1000,      // DNC requests waiting to be sent
         kPieceSize = 480,       // text per append request
         kReplyWaitMs = 500,     // connect and reply wait, never repeated
-        kIdleSleepMs = 20,
+        kIdleSleepMs = 20,      // state 4 with nothing to resend
+        kMaxDropped = 64 * 1024, // bytes past a reply's size dropped at most
         kTailSleepMs = 200,     // before disconnecting at the end
         kCloseWaitMs = 100,
         kRepeatIntervalMs = 11  // least time from a request to its repeat
@@ -118,7 +120,9 @@ private:
     int fileType() const;
     // The thread's state changes; a closing buffer stays closed.
     void setState(int state);
-    void setStateInfo(const QByteArray &text);
+    // Sets the stop flag and wakes the thread wherever it waits.
+    void stopThread();
+    void setStateInfo(const char *text);
     void onTextReply(int state, const char *okText, const char *busyText);
     // Builds one frame with the host-side builder and copies it out
     // (an empty array when the builder refuses, e.g. a 480-byte piece).
@@ -139,6 +143,7 @@ private:
     bool m_closing = false;               // under the handle table's lock
 
     std::mutex m_mutex;                   // queue and bytes written
+    std::condition_variable m_wake;       // the idle thread waits here for work or the close
     QList<QByteArray> m_queue;
     qint64 m_bytesWritten = 0;
 
