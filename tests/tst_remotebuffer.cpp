@@ -481,7 +481,8 @@ void TestRemoteBuffer::unreachableController()
     QCOMPARE(buffer->clear(), 0);
     QCOMPARE(buffer->validCount(), 0);
     QCOMPARE(QByteArray(buffer->stateInfo()), QByteArray());
-    QCOMPARE(threadCount(), before);
+    // Nothing left behind; buffers of earlier tests may end meanwhile.
+    QVERIFY(threadCount() <= before);
 }
 
 void TestRemoteBuffer::lostConnection()
