@@ -171,6 +171,9 @@ void SimServer::serveConnection(qintptr descriptor)
     if (!socket.setSocketDescriptor(descriptor))
         return;
     socket.setSocketOption(QAbstractSocket::LowDelayOption, 1);
+    // Taken before the connection counts as open, so a restart that follows
+    // a connection seen open closes it.
+    const int generation = m_generation;
     d->connectionOpened();
     const std::shared_ptr<SimPcap> pcap = d->recorder();
     SimPcap::Stream stream;
@@ -187,7 +190,6 @@ void SimServer::serveConnection(qintptr descriptor)
     };
     QByteArray input;
     SimSession session;
-    const int generation = m_generation;
     const auto current = [this, generation] { return !m_stopping && m_generation == generation; };
     bool open = true;
     while (open && current()) {
