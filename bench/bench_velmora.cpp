@@ -3,7 +3,7 @@
 // process with blocking sockets, not the simulator) in the same run, the
 // whole run pinned to one CPU. Prints same-run ratios; see bench/README.md.
 //
-//   bench_velmora [--address A] [--rounds R] [--quick] [--only TEXT] [--log FILE]
+//   bench_velmora [--address A] [--rounds R] [--quick] [--only TEXT] [--log FILE] [--no-messages]
 #include "velmora_prefixed.h"
 
 #include "MiniServer.h"
@@ -34,6 +34,7 @@ struct Options {
     bool quick = false;
     std::string only;
     std::string log;
+    bool noMessages = false;
 };
 
 Options g_options;
@@ -139,36 +140,22 @@ Sample timed(const std::function<bool()> &call)
     };
 }
 
-// The timed loops, one per side, kept out of line so that callgrind can
-// count each side alone (--toggle-collect=runLibrary / runRaw). Median
-// nanoseconds of one call, or -1 when a call failed.
-double timeCalls(int calls, const Sample &sample)
-{
-    std::vector<double> ns;
-    ns.reserve(size_t(calls));
-    for (int i = 0; i < calls; ++i) {
-        const double one = sample();
-        if (one < 0)
-            return -1;
-        ns.push_back(one);
-    }
-    return median(ns);
-}
-
+// One call on each side, kept out of line so that callgrind can count each
+// side alone (--toggle-collect=runLibrary / runRaw).
 #if defined(__clang__)
 #  define BENCH_OUT_OF_LINE __attribute__((noinline))
 #else
 #  define BENCH_OUT_OF_LINE __attribute__((noipa))   // also never folded into its twin
 #endif
 
-BENCH_OUT_OF_LINE double runLibrary(int calls, const Sample &sample)
+BENCH_OUT_OF_LINE double runLibrary(const Sample &sample)
 {
-    return timeCalls(calls, sample);
+    return sample();
 }
 
-BENCH_OUT_OF_LINE double runRaw(int calls, const Sample &sample)
+BENCH_OUT_OF_LINE double runRaw(const Sample &sample)
 {
-    return timeCalls(calls, sample);
+    return sample();
 }
 
 struct Comparison {
@@ -180,8 +167,9 @@ struct Comparison {
     bool ok = false;
 };
 
-// Rounds of `calls` calls on each side, the order alternating, after a
-// warm-up of each.
+// Rounds of `calls` calls on each side, after a warm-up of each. The two
+// sides take turns call by call, so that both meet the same load of the
+// machine; each round gives the ratio of its medians.
 Comparison compare(int calls, const Sample &library, const Sample &raw)
 {
     Comparison c;
@@ -189,20 +177,24 @@ Comparison compare(int calls, const Sample &library, const Sample &raw)
         if (library() < 0 || raw() < 0)
             return c;
     std::vector<double> lib, floor, ratios;
+    std::vector<double> l, r;
     for (int round = 0; round < g_options.rounds; ++round) {
-        double l, r;
-        if (round % 2 == 0) {
-            l = runLibrary(calls, library);
-            r = runRaw(calls, raw);
-        } else {
-            r = runRaw(calls, raw);
-            l = runLibrary(calls, library);
+        l.clear();
+        r.clear();
+        for (int i = 0; i < calls; ++i) {
+            if ((i + round) % 2 == 0) {
+                l.push_back(runLibrary(library));
+                r.push_back(runRaw(raw));
+            } else {
+                r.push_back(runRaw(raw));
+                l.push_back(runLibrary(library));
+            }
+            if (l.back() < 0 || r.back() < 0)
+                return c;
         }
-        if (l < 0 || r <= 0)
-            return c;
-        lib.push_back(l);
-        floor.push_back(r);
-        ratios.push_back(l / r);
+        lib.push_back(median(l));
+        floor.push_back(median(r));
+        ratios.push_back(lib.back() / floor.back());
     }
     c.library = median(lib);
     c.raw = median(floor);
@@ -307,8 +299,8 @@ void directCalls()
         std::uint16_t registers[124];
         const Sample modbusRead = timed([&] { return modbus.readRegisters(0, 124, registers); });
         std::vector<double> floor;
-        for (int round = 0; round < g_options.rounds; ++round)
-            floor.push_back(runRaw(scaled(4000), modbusRead));
+        for (int i = 0; i < scaled(4000) * g_options.rounds; ++i)
+            floor.push_back(runRaw(modbusRead));
         if (*std::min_element(floor.begin(), floor.end()) > 0 && read1000.ok) {
             const double perVariable = read1000.library / 1000;
             const double per32 = median(floor) / 62;
@@ -374,7 +366,7 @@ void upload()
     header("uploadFile into DNC memory (share of the raw 400-byte chunk floor's rate)");
     const struct { const char *name; int size; int calls; } rows[] = {
         { "uploadFile 64 kB", 64 * 1024, 20 },
-        { "uploadFile 1 MB", 1024 * 1024, 3 },
+        { "uploadFile 1 MB", 1024 * 1024, 5 },
     };
     for (const auto &row : rows) {
         if (!selected(row.name))
@@ -709,6 +701,8 @@ bool parse(int argc, char **argv)
             g_options.log = argv[++i];
         else if (arg == "--quick")
             g_options.quick = true;
+        else if (arg == "--no-messages")
+            g_options.noMessages = true;
         else
             return false;
     }
@@ -736,6 +730,9 @@ int main(int argc, char **argv)
     if (!parse(argc, argv)) {
         std::fprintf(stderr,
                      "usage: bench_velmora [--address A] [--rounds R] [--quick] [--only TEXT] [--log FILE]\n"
+                     "                     [--no-messages]\n"
+                     "  --no-messages filters the library's debug lines out (QT_LOGGING_RULES), to show\n"
+                     "  what writing them costs\n"
                      "  --only runs the measure named TEXT, or those whose name contains it:\n"
                      "  readVars 64, readVars 64 out of order, readVars 1000, writeVars 31, CheckTcpWdt,\n"
                      "  uploadFile 64 kB, uploadFile 1 MB, buffer continuous, buffer bursts,\n"
@@ -744,6 +741,9 @@ int main(int argc, char **argv)
         return 2;
     }
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    // Read by Qt when the library logs for the first time.
+    if (g_options.noMessages)
+        setenv("QT_LOGGING_RULES", "default.debug=false", 1);
     // 200 controllers hold about 1200 descriptors.
     rlimit files;
     if (getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max) {
@@ -773,8 +773,9 @@ int main(int argc, char **argv)
         return 1;
     }
     std::printf("bench_velmora: pinned to CPU %d; minimal server pid %d on %s; %d rounds, medians; "
-                "library messages to %s\n",
-                cpu, int(g_server.pid()), g_options.address.c_str(), g_options.rounds, log.c_str());
+                "library messages %s %s\n",
+                cpu, int(g_server.pid()), g_options.address.c_str(), g_options.rounds,
+                g_options.noMessages ? "filtered out, not written; would go to" : "written to", log.c_str());
 
     char *address = const_cast<char *>(g_options.address.c_str());
     if (!velmora_addTargetCnc(kMain, 1, address, 0) || !velmora_connect(kMain)) {
