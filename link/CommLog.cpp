@@ -9,6 +9,10 @@
 #include <atomic>
 #include <cstring>
 
+#ifdef __SSE2__
+#  include <emmintrin.h>
+#endif
+
 namespace {
 
 std::atomic<CommLog::Clock> g_clock{nullptr};
@@ -47,14 +51,24 @@ QString CommLog::filePath(const QDateTime &time)
 
 namespace {
 
-// Whether a text is printable ASCII throughout (nothing to escape), eight
-// bytes at a time: no byte with its top bit set, below 0x20 or equal to
-// 0x7f.
+// Whether a text is printable ASCII throughout (nothing to escape),
+// sixteen or eight bytes at a time: no byte with its top bit set, below
+// 0x20 or equal to 0x7f.
 bool printableAscii(const char *text, size_t length)
 {
     const quint64 ones = 0x0101010101010101ULL;
     const quint64 tops = 0x8080808080808080ULL;
     size_t i = 0;
+#ifdef __SSE2__
+    // As signed bytes, 0x80 and above are below 0x20 too.
+    const __m128i space = _mm_set1_epi8(0x20);
+    const __m128i del = _mm_set1_epi8(0x7f);
+    for (; i + 16 <= length; i += 16) {
+        const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(text + i));
+        if (_mm_movemask_epi8(_mm_or_si128(_mm_cmplt_epi8(v, space), _mm_cmpeq_epi8(v, del))))
+            return false;
+    }
+#endif
     for (quint64 w; i + 8 <= length; i += 8) {
         std::memcpy(&w, text + i, 8);
         const quint64 del = w ^ (0x7f * ones);

@@ -90,8 +90,8 @@ private slots:
         QTest::addColumn<QByteArray>("text");
         QTest::addColumn<QString>("logged");
         QTest::newRow("plain program text -> as it is") << QByteArray("G01 X10 Y20 F300 M3") << "G01 X10 Y20 F300 M3";
-        QTest::newRow("CR LF past the first eight bytes -> \\r\\n")
-            << QByteArray("G01 X10 Y\r\nFORGED") << "G01 X10 Y\\r\\nFORGED";
+        QTest::newRow("CR LF past the first sixteen bytes -> \\r\\n")
+            << QByteArray("G01 X10 Y20 Z30 F\r\nFORGED") << "G01 X10 Y20 Z30 F\\r\\nFORGED";
         QTest::newRow("DEL and a tab -> \\x7f, \\t") << QByteArray("N10 G00\x7f\tX1") << "N10 G00\\x7f\\tX1";
         QTest::newRow("UTF-8 text -> kept, a C1 control escaped")
             << QByteArray("\xe7\xa8\x8b\xe5\xba\x8f O1000 \xc2\x85") << QString::fromUtf8("程序 O1000 \\x85");

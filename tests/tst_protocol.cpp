@@ -295,9 +295,9 @@ void tst_Protocol::builders_data()
     QTest::newRow("d2 text stops at top bit")
         << 0 << false << Build([](HProtocol_Client &c) { return c.buildAppendTxt("AB\xE4" "CD"); })
         << hex("00000000 0600 00 64 02 4142 00");
-    QTest::newRow("d2 text stops at top bit past 8 bytes")
-        << 0 << false << Build([](HProtocol_Client &c) { return c.buildAppendTxt("ABCDEFGHIJ\x80" "CD"); })
-        << hex("00000000 0e00 00 64 02 4142434445464748494a 00");
+    QTest::newRow("d2 text stops at top bit past 16 bytes")
+        << 0 << false << Build([](HProtocol_Client &c) { return c.buildAppendTxt("ABCDEFGHIJKLMNOPQRSTU\x80" "CD"); })
+        << hex("00000000 1900 00 64 02 4142434445464748494a4b4c4d4e4f505152535455 00");
     QTest::newRow("d2 479 bytes") << 0 << false
                                   << Build([text479](HProtocol_Client &c) { return c.buildAppendTxt(text479.constData()); })
                                   << tcpReply(hex("64 02") + text479 + hex("00"));
