@@ -35,7 +35,8 @@ const qint32 kBitBases[7] = { 32048, 32112, 32176, 32240, 32304, 32592, 32560 };
 // 32 bits of the wire, so that a huge number never aliases a valid address.
 bool validAddress(long int address)
 {
-    return address >= 0 && address <= HProtocol_Client::kMaxAddress
+    // Unsigned: a negative address is out of range too.
+    return static_cast<unsigned long>(address) <= unsigned(HProtocol_Client::kMaxAddress)
         && HProtocol_Client::isValidAddress(qint32(address));
 }
 
@@ -758,12 +759,12 @@ void AsynchronousClient::onRecCmdReadVars(int error, const qint32 *values, int c
             qDebug() << "parameters error.";
         return;
     }
-    for (int i = 0; i < count; ++i) {
+    if (m_sentIsPoll) {
         // A poll reply must not bring back a variable removed meanwhile.
-        if (m_sentIsPoll)
+        for (int i = 0; i < count; ++i)
             m_values.update(m_sentAddresses[size_t(i)], values[i]);
-        else
-            m_values.store(m_sentAddresses[size_t(i)], values[i]);
+    } else {
+        m_values.store(m_sentAddresses.data(), values, count);
     }
     if (m_sentResults)
         std::copy(values, values + count, m_sentResults);
@@ -792,17 +793,27 @@ void AsynchronousClient::onRecUnknownCmd(int letter)
 // Variables
 
 bool AsynchronousClient::takeAddresses(const char *signature, long int *addresses, int count, long int *values,
-                                       int limit)
+                                       int limit, bool *ascending)
 {
     // The one check of the addresses: the builders are told they are done.
+    // One pass without early exits: bad arguments are the rare case.
     bool ok = addresses && values && count >= 1 && count <= limit;
+    bool rising = true;
     if (ok) {
         m_request.resize(size_t(count));
-        for (int i = 0; i < count && ok; ++i) {
-            ok = validAddress(addresses[i]);
-            m_request[size_t(i)] = qint32(addresses[i]);
+        qint32 *request = m_request.data();
+        bool bad = false;
+        qint32 previous = -1;   // below every valid address
+        for (int i = 0; i < count; ++i) {
+            bad |= !validAddress(addresses[i]);
+            request[i] = qint32(addresses[i]);
+            rising &= request[i] > previous;
+            previous = request[i];
         }
+        ok = !bad;
     }
+    if (ascending)
+        *ascending = rising;
     if (!ok && debugErrors())
         qDebug() << signature << " ParError address=" << static_cast<void *>(addresses)
                  << " count=" << count << " value=" << static_cast<void *>(values);
@@ -841,13 +852,12 @@ long int AsynchronousClient::readVarsImpl(const char *signature, long int *addre
     if (linkDown(signature))
         return StatusDisconnected;
     const int limit = maxRdVar();
-    if (!takeAddresses(signature, addresses, count, values, singleFrame ? limit : count))
+    // When no address repeats (as in ascending order), each value read is
+    // the one the map holds for its address and goes straight to its place
+    // in the result.
+    bool ascending = false;
+    if (!takeAddresses(signature, addresses, count, values, singleFrame ? limit : count, &ascending))
         return StatusParError;
-    // When no address repeats, each value read is the one the map holds for
-    // its address and goes straight to its place in the result.
-    bool ascending = true;
-    for (int i = 1; i < count && ascending; ++i)
-        ascending = m_request[size_t(i)] > m_request[size_t(i - 1)];
     const bool direct = isDirectMode();
     if (direct) {
         m_results.resize(size_t(count));
@@ -878,8 +888,9 @@ long int AsynchronousClient::readVarsImpl(const char *signature, long int *addre
             status = sent;
     }
     if (direct && (ascending || !hasRepeats(m_request, m_seen))) {
+        const qint32 *results = m_results.data();
         for (int i = 0; i < count; ++i)
-            values[i] = m_results[size_t(i)];
+            values[i] = results[i];
         return status;
     }
     std::unique_lock<std::mutex> data(m_dataMutex);

@@ -318,10 +318,11 @@ private:
     int handleReply(int size);
     bool threadModeActive() const;
     // Checks the arguments of a variable call and takes the addresses into
-    // m_request as 32-bit words. Null pointers, count outside 1..limit or
-    // an address the builders refuse: logs the ParError line and returns
-    // false.
-    bool takeAddresses(const char *signature, long int *addresses, int count, long int *values, int limit);
+    // m_request as 32-bit words; *ascending tells whether they rise
+    // strictly. Null pointers, count outside 1..limit or an address the
+    // builders refuse: logs the ParError line and returns false.
+    bool takeAddresses(const char *signature, long int *addresses, int count, long int *values, int limit,
+                       bool *ascending = nullptr);
     // One 'B' or 'D' frame (addresses: the count addresses of a 'B' frame):
     // direct mode exchanges it (0, 3 or 111) and a good read reply also puts
     // its values into `results` when given; thread mode leaves it for the

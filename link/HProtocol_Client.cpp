@@ -98,6 +98,25 @@ public:
         std::memcpy(m_buffer + m_pos, &v, 4);
         m_pos += 4;
     }
+    // Several 32-bit fields; in the host's own byte order, one copy.
+    void put32s(const qint32 *values, int count)
+    {
+        if (m_pos + 4 * count > kLimit) {
+            m_overflow = true;
+            return;
+        }
+#if Q_BYTE_ORDER == Q_LITTLE_ENDIAN
+        if (!m_bigEndian) {
+#else
+        if (m_bigEndian) {
+#endif
+            std::memcpy(m_buffer + m_pos, values, size_t(count) * 4);
+            m_pos += 4 * count;
+            return;
+        }
+        for (int i = 0; i < count; ++i)
+            put32(values[i]);
+    }
     void putBytes(const char *data, int length)
     {
         if (m_pos + length > kLimit) {
@@ -240,7 +259,7 @@ int HProtocol_Client::finishFrame(int end, bool overflow)
 // ---------------------------------------------------------------- builders
 
 template <typename Address>
-int HProtocol_Client::buildRead(int count, Address address, AddressCheck check)
+int HProtocol_Client::buildRead(int count, Address address, AddressCheck check, const qint32 *array)
 {
     if (!m_sendBuffer || count < 1 || count > m_maxRdVar)
         return 0;
@@ -251,8 +270,11 @@ int HProtocol_Client::buildRead(int count, Address address, AddressCheck check)
     FrameWriter w(m_sendBuffer, m_headerLength, m_bigEndian);
     w.put8(LetterReadVars);
     w.put8(quint8(count));
-    for (int i = 0; i < count; ++i)
-        w.put32(address(i));
+    if (array)
+        w.put32s(array, count);
+    else
+        for (int i = 0; i < count; ++i)
+            w.put32(address(i));
     return finishFrame(w.pos(), w.overflow());
 }
 
@@ -261,19 +283,19 @@ int HProtocol_Client::buildReadVars(qint32 firstAddress, int count)
     // A valid first and last address leave every one between valid.
     if (!isValidAddress(firstAddress) || !isValidAddress(firstAddress + count - 1))
         return 0;
-    return buildRead(count, [firstAddress](int i) { return firstAddress + i; }, AddressesChecked);
+    return buildRead(count, [firstAddress](int i) { return firstAddress + i; }, AddressesChecked, nullptr);
 }
 
 int HProtocol_Client::buildReadVars(const qint32 *addresses, int count, AddressCheck check)
 {
     if (!addresses)
         return 0;
-    return buildRead(count, [addresses](int i) { return addresses[i]; }, check);
+    return buildRead(count, [addresses](int i) { return addresses[i]; }, check, addresses);
 }
 
 int HProtocol_Client::buildReadVars(const QList<qint32> &addresses)
 {
-    return buildRead(addresses.size(), [&addresses](int i) { return addresses.at(i); }, CheckAddresses);
+    return buildRead(addresses.size(), [&addresses](int i) { return addresses.at(i); }, CheckAddresses, nullptr);
 }
 
 int HProtocol_Client::buildWriteVars(const qint32 *addresses, const qint32 *values, int count, AddressCheck check)
@@ -555,6 +577,14 @@ int HProtocol_Client::pduValues(const Pdu &pdu, int countIndex, qint32 *values) 
     const int present = (pdu.size - countIndex - 1) / 4;
     if (count > present)
         count = present;
+#if Q_BYTE_ORDER == Q_LITTLE_ENDIAN
+    if (!m_bigEndian) {
+#else
+    if (m_bigEndian) {
+#endif
+        std::memcpy(values, pdu.data + countIndex + 1, size_t(count) * 4);
+        return count;
+    }
     for (int i = 0; i < count; ++i)
         values[i] = pduInt32(pdu, countIndex + 1 + 4 * i);
     return count;

@@ -50,7 +50,8 @@ public:
     // Static helpers, pure.
     static bool isValidAddress(qint32 address)
     {
-        return address >= 0 && address <= kMaxAddress && address % 1000000 <= kMaxAddressOffset;
+        // Unsigned: a negative address is out of range too.
+        return quint32(address) <= quint32(kMaxAddress) && quint32(address) % 1000000u <= quint32(kMaxAddressOffset);
     }
     static quint16 crc16(const quint8 *data, int length);
     // Controller text rule: the number of leading bytes, at most maxLen,
@@ -200,9 +201,10 @@ private:
     };
 
     int finishFrame(int end, bool overflow);
-    // A 'B' frame of count addresses, address(i) giving the i-th.
+    // A 'B' frame of count addresses, address(i) giving the i-th; from
+    // `array` in one go when they are in one.
     template <typename Address>
-    int buildRead(int count, Address address, AddressCheck check);
+    int buildRead(int count, Address address, AddressCheck check, const qint32 *array);
     int buildSimple(quint8 letter, quint8 sub);
     int buildText(quint8 sub, const char *text, int run);
     int buildTerminatedText(quint8 sub, const char *text);

@@ -27,6 +27,8 @@ public:
     void clear();
     // Inserts or overwrites.
     void store(qint32 address, qint32 value);
+    // The same for count pairs, in their order.
+    void store(const qint32 *addresses, const qint32 *values, int count);
     // Overwrites an address already in the table; false (and nothing
     // stored) when it is not there.
     bool update(qint32 address, qint32 value);
