@@ -292,6 +292,9 @@ void TestRemoteBuffer::busyControllerIsPolled()
     Buffer buffer("127.0.0.72", HRemoteBuffer::DncMode);
     QTRY_COMPARE_WITH_TIMEOUT(buffer->state(), int(HRemoteBuffer::StateIdle), kWaitMs);
     sim.setBusyReplies(1, 2);
+    // The busy reply comes late, so the second write finds the buffer still
+    // working: once busy, it takes no writes.
+    sim.setFault('d', 2, ControllerSim::Fault::delay(300, 1));
     sim.clearRequests();
 
     QCOMPARE(buffer->write("N10 G1 X5\n"), 1);
