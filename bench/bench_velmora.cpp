@@ -329,7 +329,7 @@ void directCalls()
                  1.1);
     }
     if (selected("CheckTcpWdt"))
-        timeLine("CheckTcpWdt (its two lines logged)",
+        timeLine(g_options.noMessages ? "CheckTcpWdt (its lines filtered out)" : "CheckTcpWdt (its two lines logged)",
                  compare(scaled(4000), timed([] { return velmora_CheckTcpWdt(kMain) == 0; }),
                          timed([&] { return raw.watchdog(); })),
                  1.25);
