@@ -1,6 +1,7 @@
 #include "AsynchronousClient.h"
 
 #include "CommLog.h"
+#include "FirstConnect.h"
 #include "RawSocket.h"
 #include "TsanAnnotations.h"
 
@@ -251,6 +252,7 @@ bool AsynchronousClient::performJob(Job job, const QByteArray &data)
         const QHostAddress address(QString::fromLatin1(data));
         bool ok = false;
         if (!address.isNull()) {
+            const FirstConnect first;
             socket.connectToHost(address, kPort, QIODevice::ReadWrite);
             ok = socket.waitForConnected(kConnectWaitMs);
         }

@@ -1,5 +1,6 @@
 #include "HRemoteBuffer.h"
 
+#include "FirstConnect.h"
 #include "RawSocket.h"
 #include "TsanAnnotations.h"
 
@@ -264,9 +265,14 @@ void HRemoteBuffer::run()
     } endOfThread{ this };
     // The socket belongs to this thread: made, used and destroyed here.
     QTcpSocket socket;
-    socket.connectToHost(QString::fromLatin1(m_address), quint16(kPort), QIODevice::ReadWrite,
-                         QAbstractSocket::AnyIPProtocol);
-    if (!socket.waitForConnected(kReplyWaitMs)) {
+    bool connected = false;
+    {
+        const FirstConnect first;
+        socket.connectToHost(QString::fromLatin1(m_address), quint16(kPort), QIODevice::ReadWrite,
+                             QAbstractSocket::AnyIPProtocol);
+        connected = socket.waitForConnected(kReplyWaitMs);
+    }
+    if (!connected) {
         m_state = StateClosed;
         return;
     }
