@@ -56,7 +56,7 @@ cmake -S "$root" -B "$build/tree" -G Ninja -DVELMORA_PROGRAMS=OFF -DVELMORA_TEST
   -DCMAKE_C_FLAGS="-m32 -Werror" -DCMAKE_CXX_FLAGS="-m32 -Werror" -DCMAKE_LIBRARY_ARCHITECTURE=i386-linux-gnu \
   -DCMAKE_EXE_LINKER_FLAGS="-Wl,-rpath-link,$libs" -DCMAKE_SHARED_LINKER_FLAGS="-Wl,-rpath-link,$libs" \
   -DCMAKE_PREFIX_PATH="$sysroot/usr" -DQt5_DIR="$lib/cmake/Qt5"
-cmake --build "$build/tree" -j "$jobs" --target Velmora velmora-sim capi_registry capi_ops capi_buffer capi_faults \
+cmake --build "$build/tree" -j "$jobs" --target Velmora velmora-sim capi_registry capi_ops capi_faults \
   c_host c_with_sim c_dlopen
 readelf -h "$build/tree/libVelmora.so" | grep -q 'Class: *ELF32' || { echo "i386: the library is not 32-bit" >&2; exit 1; }
 cd "$build/tree"
