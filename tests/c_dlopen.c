@@ -72,7 +72,7 @@ int main(int argc, char **argv)
         return 2;
     }
     libraryPath = argv[2];
-    sim = c_sim_start(argv[1], ip);
+    sim = c_sim_start(argv[1], ip, 0);
     if (sim <= 0 || pthread_create(&thread, 0, host, &failures) != 0)
         failures = 1;
     else

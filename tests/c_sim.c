@@ -8,10 +8,15 @@
 
 extern char **environ;
 
-pid_t c_sim_start(const char *simPath, const char *address)
+pid_t c_sim_start(const char *simPath, const char *address, const char *const *faults)
 {
-    char *argv[] = { (char *)simPath, (char *)"--address", (char *)address, (char *)"--quiet", 0 };
+    char *argv[16] = { (char *)simPath, (char *)"--address", (char *)address, (char *)"--quiet" };
+    int n = 4;
     pid_t pid = -1;
+    for (; faults && *faults && n < 14; ++faults) {
+        argv[n++] = (char *)"--fault";
+        argv[n++] = (char *)*faults;
+    }
     if (posix_spawn(&pid, simPath, 0, 0, argv, environ) != 0)
         return -1;
     return pid;

@@ -18,7 +18,7 @@ int main(int argc, char **argv)
         fprintf(stderr, "usage: c_with_sim VELMORA_SIM ADDRESS PROGRAM [ARGUMENTS...]\n");
         return 2;
     }
-    sim = c_sim_start(argv[1], argv[2]);
+    sim = c_sim_start(argv[1], argv[2], 0);
     if (sim <= 0 || posix_spawn(&host, argv[3], 0, 0, argv + 3, environ) != 0) {
         fprintf(stderr, "c_with_sim: cannot start %s\n", sim <= 0 ? argv[1] : argv[3]);
         c_sim_stop(sim);

@@ -4,8 +4,8 @@
 #include "velmora.h"
 #include "velmora_prefixed.h"
 
-#include "SimProcess.h"
 #include "TestSupport.h"
+#include "c_sim.h"
 
 #include <QtTest>
 
@@ -30,19 +30,25 @@ class TestCapi : public QObject
     Q_OBJECT
 
     ScratchDir m_home;
-    // A controller that refuses resets (state 1) and file requests (error
-    // reply): getTransFileState tells a direct channel client (3) from a
-    // thread-mode one (0, left for its loop) and from none (1).
-    SimProcess m_sim{ g_ip, { "f:3=state:1", "d=error" } };
+    pid_t m_sim = -1;
 
 private slots:
     void initTestCase()
     {
         QVERIFY(!QCoreApplication::instance());
         QVERIFY(m_home.enter());
-        QVERIFY(m_sim.started());
+        // A controller that refuses resets (state 1) and file requests (error
+        // reply): getTransFileState tells a direct channel client (3) from a
+        // thread-mode one (0, left for its loop) and from none (1).
+        const char *faults[] = { "f:3=state:1", "d=error", nullptr };
+        const QByteArray sim = qgetenv("VELMORA_BINARY_DIR") + "/sim/velmora-sim";
+        QVERIFY((m_sim = c_sim_start(sim.constData(), g_ip, faults)) > 0);
     }
-    void cleanupTestCase() { m_home.leave(); }
+    void cleanupTestCase()
+    {
+        c_sim_stop(m_sim);
+        m_home.leave();
+    }
 
     void unknownController()
     {
@@ -58,6 +64,14 @@ private slots:
         QCOMPARE(removeBits(1, 0, &a, 1, 77), 1L);
         QCOMPARE(CheckTcpWdt(77), 1L);
         QCOMPARE(getErrorDeb(1, 77), 1L);
+        QCOMPARE(reset(1, 77), 1L);
+        QCOMPARE(cycStart(1, g_name, 77), 1L);
+        QCOMPARE(setTransFileType(0, 1, g_name, 77), 1L);
+        QCOMPARE(getTransFileState(0, 1, g_name, 77), 1L);
+        QCOMPARE(overwrite(g_name, 1, 77), 1L);
+        QCOMPARE(append(g_name, 1, 77), 1L);
+        QCOMPARE(fileEnd(1, 77), 1L);
+        QCOMPARE(uploadFile(0, 1, g_name, g_name, 77), 1L);
         QVERIFY(!velmora_connect(77) && !::disconnect(77) && !getTcpConnectFlag(77) && !removeTargetCnc(77));
         QVERIFY(!setErrCallbackFunc([](int, int, const char *) { return 0; }, 77));
         QVERIFY(getCncCurrentError(0, 77) == nullptr && getRuningPrg(1, 77) == nullptr);
