@@ -58,18 +58,6 @@ private slots:
         m_home.leave();
     }
 
-    void unknownControllerGets1()
-    {
-        QCOMPARE(reset(1, kUnknown), 1L);
-        QCOMPARE(cycStart(1, t("O1"), kUnknown), 1L);
-        QCOMPARE(setTransFileType(0, 1, t("O1"), kUnknown), 1L);
-        QCOMPARE(getTransFileState(0, 1, t("O1"), kUnknown), 1L);
-        QCOMPARE(overwrite(t("G0"), 1, kUnknown), 1L);
-        QCOMPARE(append(t("G0"), 1, kUnknown), 1L);
-        QCOMPARE(fileEnd(1, kUnknown), 1L);
-        QCOMPARE(uploadFile(0, 1, t("O1"), t("G0"), kUnknown), 1L);
-    }
-
     // File transfer goes to the client of its channel; program control to
     // the main client, whatever the controller's channel count.
     void callsReachTheirClient()

@@ -63,7 +63,6 @@ class TestRemoteBuffer : public QObject
         m_sim->clearRequests();
         return true;
     }
-    bool idle() { return waitFor([this] { return (*m_buffer)->state() == HRemoteBuffer::StateIdle; }, kWaitMs); }
 
 private slots:
     void init()
@@ -131,55 +130,48 @@ private slots:
         QTest::addColumn<QByteArray>("info");
         QTest::addColumn<QList<QByteArray>>("frames");
 
+        auto row = [](const char *name, int mode, const char *faults, const QByteArrayList &writes, int state,
+                      const QByteArray &info, const QList<QByteArray> &frames) {
+            QTest::newRow(name) << mode << QString(faults) << writes << state << info << frames;
+        };
         const int mdi = HRemoteBuffer::MdiMode, dnc = HRemoteBuffer::DncMode;
         const QByteArray idle("Command queue is empty."), paramError("parameters error."), text = pattern(1000);
-        const QByteArrayList g1x1{ "G1X1" }, clear{ QByteArray() };
+        const QByteArrayList none, g1x1{ "G1X1" }, clear{ QByteArray() };
         const QByteArray appendG1X1 = appendFrame("G1X1");
-        QTest::newRow("set file answered 1 -> 4, announced again")
-            << mdi << "d:1=state:1" << QByteArrayList() << 4 << paramError << QList<QByteArray>{ setFileMdi };
-        QTest::newRow("set file denied -> 2, announced again")
-            << dnc << "d:1=state:2" << QByteArrayList() << 2
-            << QByteArray("target file is been executing.file transmission denied.") << QList<QByteArray>{ setFileDnc };
-        QTest::newRow("set file answered 9 -> 4, announced again")
-            << mdi << "d:1=state:9" << QByteArrayList() << 4 << QByteArray("CmdSetFileInf:unknow state. state=9")
-            << QList<QByteArray>{ setFileMdi };
-        QTest::newRow("append answered 1 -> 4, resent") << dnc << "d:2=state:1" << g1x1 << 4 << paramError
-                                                        << QList<QByteArray>{ appendG1X1 };
-        QTest::newRow("append busy -> 1, polled with send-next") << dnc << "d:2=state:2,d:5=state:1" << g1x1 << 1
-                                                                 << idle << QList<QByteArray>{ appendG1X1, sendNext };
-        QTest::newRow("clear, overwrite busy -> 1, 'Cnc Busy', polled")
-            << dnc << "d:3=state:2,d:5=state:1" << clear << 1 << QByteArray("Cnc Busy")
-            << QList<QByteArray>{ setFileDnc, overwriteEmpty, sendNext };
-        QTest::newRow("clear, overwrite answered 1 -> 4, resent") << mdi << "d:3=state:1" << clear << 4 << paramError
-                                                                  << QList<QByteArray>{ setFileMdi, overwriteEmpty };
-        QTest::newRow("file end answered 1 -> counts as done") << mdi << "d:4=state:1" << g1x1 << 5 << idle
-                                                               << QList<QByteArray>{ appendG1X1, fileEnd };
-        QTest::newRow("error reply -> not resent") << dnc << "d:2=error" << g1x1 << 5 << idle
-                                                   << QList<QByteArray>{ appendG1X1 };
-        QTest::newRow("no reply -> not waited for again") << dnc << "d:2=silence" << g1x1 << 5 << idle
-                                                          << QList<QByteArray>{ appendG1X1 };
-        QTest::newRow("connection closed -> 3, writes refused") << dnc << "d:2=close" << g1x1 << 3 << idle
-                                                                << QList<QByteArray>{ appendG1X1 };
+        row("set file answered 1 -> 4, announced again", mdi, "d:1=state:1", none, 4, paramError, { setFileMdi });
+        row("set file denied -> 2, announced again", dnc, "d:1=state:2", none, 2,
+            "target file is been executing.file transmission denied.", { setFileDnc });
+        row("set file answered 9 -> 4, announced again", mdi, "d:1=state:9", none, 4,
+            "CmdSetFileInf:unknow state. state=9", { setFileMdi });
+        row("append answered 1 -> 4, resent", dnc, "d:2=state:1", g1x1, 4, paramError, { appendG1X1 });
+        row("append busy -> 1, polled with send-next", dnc, "d:2=state:2,d:5=state:1", g1x1, 1, idle,
+            { appendG1X1, sendNext });
+        row("clear, overwrite busy -> 1, 'Cnc Busy', polled", dnc, "d:3=state:2,d:5=state:1", clear, 1, "Cnc Busy",
+            { setFileDnc, overwriteEmpty, sendNext });
+        row("clear, overwrite answered 1 -> 4, resent", mdi, "d:3=state:1", clear, 4, paramError,
+            { setFileMdi, overwriteEmpty });
+        row("file end answered 1 -> counts as done", mdi, "d:4=state:1", g1x1, 5, idle, { appendG1X1, fileEnd });
+        row("error reply -> not resent", dnc, "d:2=error", g1x1, 5, idle, { appendG1X1 });
+        row("no reply -> not waited for again", dnc, "d:2=silence", g1x1, 5, idle, { appendG1X1 });
+        row("connection closed -> 3, writes refused", dnc, "d:2=close", g1x1, 3, idle, { appendG1X1 });
         // Pieces of 480 bytes; one of exactly 480 builds nothing.
-        QTest::newRow("MDI 1000 -> the 40-byte tail and the end of file") << mdi << "" << QByteArrayList{ text } << 5
-            << idle << QList<QByteArray>{ appendFrame(text.mid(960)), fileEnd };
-        QTest::newRow("DNC 959 -> the second piece of 479") << dnc << "" << QByteArrayList{ text.left(959) } << 5
-                                                           << idle << QList<QByteArray>{ appendFrame(text.mid(480, 479)) };
-        QTest::newRow("DNC 481 -> the second piece of 1") << dnc << "" << QByteArrayList{ text.left(481) } << 5 << idle
-                                                         << QList<QByteArray>{ appendFrame(text.mid(480, 1)) };
-        QTest::newRow("MDI 479 -> one piece and the end of file") << mdi << "" << QByteArrayList{ text.left(479) } << 5
-            << idle << QList<QByteArray>{ appendFrame(text.left(479)), fileEnd };
+        row("MDI 1000 -> the 40-byte tail and the end of file", mdi, "", { text }, 5, idle,
+            { appendFrame(text.mid(960)), fileEnd });
+        row("DNC 959 -> the second piece of 479", dnc, "", { text.left(959) }, 5, idle,
+            { appendFrame(text.mid(480, 479)) });
+        row("DNC 481 -> the second piece of 1", dnc, "", { text.left(481) }, 5, idle, { appendFrame(text.mid(480, 1)) });
+        row("MDI 479 -> one piece and the end of file", mdi, "", { text.left(479) }, 5, idle,
+            { appendFrame(text.left(479)), fileEnd });
         // The busy answer comes late, so the second write finds the buffer
         // still working.
-        QTest::newRow("busy append -> send-next until answered 0, then the next append")
-            << dnc << "busy:2,d:2=delay:300:1" << QByteArrayList{ "N10 G1 X5\n", "N20 M30\n" } << 5 << idle
-            << QList<QByteArray>{ appendFrame("N10 G1 X5\n"), sendNext, sendNext, sendNext, appendFrame("N20 M30\n") };
+        row("busy append -> send-next until answered 0, then the next append", dnc, "busy:2,d:2=delay:300:1",
+            { "N10 G1 X5\n", "N20 M30\n" }, 5, idle,
+            { appendFrame("N10 G1 X5\n"), sendNext, sendNext, sendNext, appendFrame("N20 M30\n") });
         // The reply wait ends with the first bytes and what came is parsed:
         // half a busy answer is too short to read; its tail is dropped with
         // the next exchange.
-        QTest::newRow("busy answer split in two -> not read, no polling")
-            << dnc << "busy:1,d:2=split:300:1" << QByteArrayList{ "N1\n", "N2\n", "N3\n" } << 5 << idle
-            << QList<QByteArray>{ appendFrame("N1\n"), appendFrame("N2\n"), appendFrame("N3\n") };
+        row("busy answer split in two -> not read, no polling", dnc, "busy:1,d:2=split:300:1", { "N1\n", "N2\n", "N3\n" },
+            5, idle, { appendFrame("N1\n"), appendFrame("N2\n"), appendFrame("N3\n") });
     }
 
     void traffic()

@@ -3,21 +3,19 @@
 
 #include "ControllerSim.h"
 #include "SimScenario.h"
+#include "TestSupport.h"
 
 #include <QTcpSocket>
 #include <QtTest>
 
 #include <memory>
 
+using wire::frame;
+using wire::hex;
+
 namespace {
 
-QByteArray hex(const char *text) { return QByteArray::fromHex(QByteArray(text).replace(' ', "")); }
-// A whole frame around a PDU: four zero bytes, the length (LE), unit 0.
-QByteArray wrap(const QByteArray &pdu)
-{
-    return QByteArray(4, '\0') + char((pdu.size() + 1) & 0xff) + char((pdu.size() + 1) >> 8) + '\0' + pdu;
-}
-QByteArray f(const char *pdu) { return wrap(hex(pdu)); }
+QByteArray f(const char *pdu) { return frame(hex(pdu)); }
 
 const QByteArray probe = f("70"), pong = f("70 00");
 const QByteArray read1 = f("42 01 01000000"), read1Reply = f("42 01 00000000"), readError = f("c2 00");
@@ -82,7 +80,7 @@ private slots:
         row("count 3 on a read of 2 -> the values, then zeros", "var 1=5  # set\n\nvar 2=0xFFFFFFFF\nfault B=count:3",
             f("42 02 01000000 02000000"), f("42 03 05000000 ffffffff 00000000"));
         row("oversize 600 -> a well-framed 600-byte reply", "fault B=oversize:600", read1,
-            wrap(hex("42 01 00000000") + QByteArray(587, '\0')));
+            frame(hex("42 01 00000000") + QByteArray(587, '\0')));
         row("garbage 5 -> bytes no header can start with", "fault B=garbage:5", read1, hex("99 3e 3a b5 1f"));
         row("close 2 -> two answered, the third closes; reads do not count", "fault p=close:2",
             probe + read1 + probe + probe, pong + read1Reply + pong, true);
@@ -160,9 +158,9 @@ private slots:
             for (int j = 0; j < len; ++j)
                 pdu.append(char(rng.bounded(j == 0 ? 8 : 256)));
             const int cut = 1 + int(rng.bounded(pdu.size() + 6));   // 1 .. frame size - 1
-            peer.socket.write(wrap(pdu).left(cut));
+            peer.socket.write(frame(pdu).left(cut));
             peer.socket.flush();
-            const QByteArray r = peer.exchange(wrap(pdu).mid(cut));
+            const QByteArray r = peer.exchange(frame(pdu).mid(cut));
             QVERIFY2(r.size() >= 8 && (quint8(r[7]) | 0x80) == (quint8(pdu[0]) | 0x80), pdu.toHex().constData());
         }
     }
