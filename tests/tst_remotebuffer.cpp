@@ -92,11 +92,9 @@ private slots:
         QTest::newRow("overwrite 3") << hex("640303") << 3 << QByteArray();
         QTest::newRow("append 0") << hex("640200") << 0 << QByteArray("AppendTxt Ok");
         QTest::newRow("append 3") << hex("640203") << 3 << QByteArray();
-        // The file-end reply carries no state the parser reads: always success.
+        // A file-end state 1 and a send-next state 1: traffic's rows.
         QTest::newRow("file end 0") << hex("640400") << 0 << QByteArray("fileEnd Ok");
-        QTest::newRow("file end 1") << hex("640401") << 0 << QByteArray("fileEnd Ok");
         QTest::newRow("send next 0") << hex("640500") << 0 << QByteArray("RequestSendNext ok");
-        QTest::newRow("send next 1") << hex("640501") << 1 << QByteArray();
         QTest::newRow("send next 2") << hex("640502") << 3 << QByteArray();
     }
 
