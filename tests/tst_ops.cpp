@@ -222,7 +222,6 @@ private slots:
         QTest::addColumn<bool>("held");
 
         const QByteArray reset1 = hex("00000000 0500 00 66 03 01 00"), notExist("8/3 file is not exist.");
-        row("reset 1 -> 0", "", OP(c.reset(1)), "0", { reset1 });
         row("reset 0, reset 100 -> 1, nothing sent", "", OP(c.reset(0), c.reset(100)), "1 1", {});
         row("reset answered 1 -> 3, 'parameters error.'", "f:3=state:1", OP(c.reset(1)), "3", { reset1 },
             { "7/1 parameters error." });
@@ -230,19 +229,14 @@ private slots:
             { "7/5 program is runing." });
         row("a full queue -> 4: the waiting frame is exchanged, the reset dropped", "",
             OP((c.queueProbes(2), c.reset(1))), "4", { hex("00000000 0200 00 70") });
-        row("start O1000 on 1 -> 0", "", OP(c.cycStart(1, t("O1000"))), "0",
-            { hex("00000000 0A00 00 66 04 01 4F31303030 00") });
         row("start where a program runs -> 3, 'program is runing.'", "", OP(c.cycStart(4, t("O1000"))), "3",
             { hex("00000000 0A00 00 66 04 04 4F31303030 00") }, { "8/2 program is runing." });
-        row("start name cut at a non-ASCII byte -> 'O1' asked for", "", OP(c.cycStart(1, t("O1\xC3\xA9"))), "3",
-            { hex("00000000 0700 00 66 04 01 4F31 00") }, { notExist });
         row("start name cut at 100 bytes", "", OP(c.cycStart(3, QByteArray(150, 'N').data())), "3",
             { frame("f\x04\x03" + QByteArray(100, 'N') + '\0') }, { notExist });
         row("start on channel 0, start without a name -> 1, nothing sent", "",
             OP(c.cycStart(0, t("O1000")), c.cycStart(1, nullptr)), "1 1", {});
 
         const QByteArray asks2 = hex("00000000 0500 00 67 05 32 00"), asks1 = hex("00000000 0500 00 67 05 31 00");
-        row("running program of 2 -> its name", "", TEXT(c.getRuningPrg(2)), "O5678", { asks2 });
         row("running program of 1 (idle), of 257 (byte 1) -> empty", "", TEXT(c.getRuningPrg(1), c.getRuningPrg(257)),
             ", ", { asks1, asks1 });
         row("running program of 0, 99, the lowest int -> empty, nothing sent", "",
@@ -290,7 +284,6 @@ private slots:
         // transfer.
         const QByteArray t1000 = programText(1000);
 #define UPLOAD(text) OP(c.uploadFile(0, 1, t("O200"), QByteArray(text).data()), c.isSetFileOk())
-        row("upload, short -> one overwrite", "", UPLOAD("G0 X1\n"), "0 0", uploadRequests({ "G0 X1\n" }));
         row("upload of 400 -> an empty append after it", "", UPLOAD(programText(400)), "0 0",
             uploadRequests({ programText(400), "" }));
         row("upload of 1000 -> 400, 400, 200", "", UPLOAD(programText(1000)), "0 0",
