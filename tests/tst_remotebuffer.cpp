@@ -157,7 +157,8 @@ private slots:
             { appendFrame(text.mid(960)), fileEnd });
         row("DNC 959 -> the second piece of 479", dnc, "", { text.left(959) }, 5, idle,
             { appendFrame(text.mid(480, 479)) });
-        row("DNC 481 -> the second piece of 1", dnc, "", { text.left(481) }, 5, idle, { appendFrame(text.mid(480, 1)) });
+        row("DNC 481 -> the second piece of 1", dnc, "", { text.left(481) }, 5, idle,
+            { appendFrame(text.mid(480, 1)) });
         row("MDI 479 -> one piece and the end of file", mdi, "", { text.left(479) }, 5, idle,
             { appendFrame(text.left(479)), fileEnd });
         // The busy answer comes late, so the second write finds the buffer
@@ -168,8 +169,8 @@ private slots:
         // The reply wait ends with the first bytes and what came is parsed:
         // half a busy answer is too short to read; its tail is dropped with
         // the next exchange.
-        row("busy answer split in two -> not read, no polling", dnc, "busy:1,d:2=split:300:1", { "N1\n", "N2\n", "N3\n" },
-            5, idle, { appendFrame("N1\n"), appendFrame("N2\n"), appendFrame("N3\n") });
+        row("busy answer split in two -> not read, no polling", dnc, "busy:1,d:2=split:300:1",
+            { "N1\n", "N2\n", "N3\n" }, 5, idle, { appendFrame("N1\n"), appendFrame("N2\n"), appendFrame("N3\n") });
     }
 
     void traffic()
