@@ -13,6 +13,7 @@
 // the rest is what the peer sends.
 
 #include "AsynchronousClient.h"
+#include "FuzzTouch.h"
 #include "SimFrame.h"
 #include "SimMachine.h"
 
@@ -45,20 +46,9 @@ enum Op {
 // Requests each operation sends to a controller that answers them all.
 const int kSteps[OpCount] = { 1, 1, 1, 1, 1, 1, 1, 2, 1, 6, 7, 1, 1, 1, 3 };
 
-volatile unsigned g_sink;
-
-void touch(const void *data, size_t size)
-{
-    const unsigned char *p = static_cast<const unsigned char *>(data);
-    unsigned sum = 0;
-    for (size_t i = 0; i < size; ++i)
-        sum += p[i];
-    g_sink = g_sink + sum;
-}
-
 int onError(int errorCmd, int cmdState, const char *detail)
 {
-    g_sink = g_sink + unsigned(errorCmd + cmdState);
+    g_fuzzSink = g_fuzzSink + unsigned(errorCmd + cmdState);
     touch(detail, std::strlen(detail));
     return 0;
 }
@@ -317,7 +307,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         const QMap<qint32, qint32> values = client.valueMap();
         for (auto it = values.constBegin(); it != values.constEnd(); ++it)
-            g_sink = g_sink + unsigned(it.value());
+            g_fuzzSink = g_fuzzSink + unsigned(it.value());
     }
     return 0;
 }

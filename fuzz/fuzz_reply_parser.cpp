@@ -5,6 +5,7 @@
 // reports any read past the bytes the parser was given, and the handlers
 // touch everything they are handed.
 
+#include "FuzzTouch.h"
 #include "HProtocol_Client.h"
 
 #include <cstdint>
@@ -13,27 +14,16 @@
 
 namespace {
 
-volatile unsigned g_sink;
-
-void touch(const void *data, int length)
-{
-    const unsigned char *p = static_cast<const unsigned char *>(data);
-    unsigned sum = 0;
-    for (int i = 0; i < length; ++i)
-        sum += p[i];
-    g_sink = g_sink + sum;
-}
-
 void touchState(int state)
 {
-    g_sink = g_sink + unsigned(state);
+    g_fuzzSink = g_fuzzSink + unsigned(state);
 }
 
 void touchValues(int error, const qint32 *values, int count)
 {
     touchState(error);
     if (count > 0)
-        touch(values, count * int(sizeof(qint32)));
+        touch(values, size_t(count) * sizeof(qint32));
 }
 
 class FuzzClient : public HProtocol_Client
@@ -47,12 +37,12 @@ protected:
     void onRecCmdGetStr(int selector, const char *text, int length) override
     {
         touchState(selector);
-        touch(text, length);
+        touch(text, size_t(qMax(length, 0)));
     }
     // `size` is the whole reply; the data start inside it.
     void onRecCmdReadFile(const quint8 *data, int size) override
     {
-        touch(data, int(recvBuffer() + size - data));
+        touch(data, size_t(qMax<qptrdiff>(recvBuffer() + size - data, 0)));
     }
 };
 

@@ -54,6 +54,15 @@ bool fitsWord(long int value)
 #endif
 }
 
+// Closes the link the polite way, within the connect wait; true when it
+// is closed.
+bool closeGently(QTcpSocket &socket)
+{
+    socket.disconnectFromHost();
+    return socket.state() == QAbstractSocket::UnconnectedState
+        || socket.waitForDisconnected(AsynchronousClient::kConnectWaitMs);
+}
+
 // Whether an address occurs twice: an open-addressing set in `seen`
 // (addresses + 1, 0 = free), in time linear in the count.
 bool hasRepeats(const std::vector<qint32> &addresses, std::vector<qint32> &seen)
@@ -156,11 +165,7 @@ bool AsynchronousClient::threadModeActive() const
 
 void AsynchronousClient::run()
 {
-    // Declared first, so it runs last: the destructor's wait() sees all of it.
-    struct EndOfThread {
-        const AsynchronousClient *client;
-        ~EndOfThread() { tsanRelease(client); }
-    } endOfThread{ this };
+    const TsanReleaseAtExit endOfThread{ this };   // the destructor's wait() sees all of it
     QTcpSocket socket;
     m_socket = &socket;
     std::unique_lock<std::mutex> lock(m_dataMutex);
@@ -211,9 +216,7 @@ void AsynchronousClient::run()
                 lock.unlock();
                 if (debugDetails())
                     qDebug() << "run" << " isConnected = " << "false";
-                socket.disconnectFromHost();
-                if (socket.state() != QAbstractSocket::UnconnectedState)
-                    socket.waitForDisconnected(kConnectWaitMs);
+                closeGently(socket);
                 socket.abort();
                 updateLinkMirror();
                 m_interrupt.store(false);
@@ -238,11 +241,8 @@ bool AsynchronousClient::performJob(Job job, const QByteArray &data)
     QTcpSocket &socket = *m_socket;
     switch (job) {
     case ConnectJob: {
-        if (socket.state() == QAbstractSocket::ConnectedState) {
-            socket.disconnectFromHost();
-            if (socket.state() != QAbstractSocket::UnconnectedState)
-                socket.waitForDisconnected(kConnectWaitMs);
-        }
+        if (socket.state() == QAbstractSocket::ConnectedState)
+            closeGently(socket);
         if (socket.state() != QAbstractSocket::UnconnectedState)
             socket.abort();
         if (debugDetails())
@@ -282,16 +282,12 @@ bool AsynchronousClient::performJob(Job job, const QByteArray &data)
             m_connected.store(false);
             if (debugDetails())
                 qDebug() << "run" << " isConnected = " << "false";
-            socket.disconnectFromHost();
-            if (socket.state() != QAbstractSocket::UnconnectedState)
-                socket.waitForDisconnected(kConnectWaitMs);
+            closeGently(socket);
             return true;
         }
         if (debugDetails())
             qDebug() << "tcpDisconnect" << " isConnected = " << m_connected.load();
-        socket.disconnectFromHost();
-        if (socket.state() == QAbstractSocket::UnconnectedState
-            || socket.waitForDisconnected(kConnectWaitMs))
+        if (closeGently(socket))
             m_connected.store(false);
         return true;
     case NoJob:

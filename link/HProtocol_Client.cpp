@@ -68,6 +68,12 @@ enum : quint8 {
 };
 
 const int kCrcLength = 2;
+
+// Words in this byte order are the host's own: copied as they are.
+constexpr bool hostOrder(bool bigEndian)
+{
+    return bigEndian == (Q_BYTE_ORDER == Q_BIG_ENDIAN);
+}
 const int kTcpHeaderLength = 7;
 const int kSendNextWaitMs = 50;
 
@@ -105,11 +111,7 @@ public:
             m_overflow = true;
             return;
         }
-#if Q_BYTE_ORDER == Q_LITTLE_ENDIAN
-        if (!m_bigEndian) {
-#else
-        if (m_bigEndian) {
-#endif
+        if (hostOrder(m_bigEndian)) {
             std::memcpy(m_buffer + m_pos, values, size_t(count) * 4);
             m_pos += 4 * count;
             return;
@@ -577,11 +579,7 @@ int HProtocol_Client::pduValues(const Pdu &pdu, int countIndex, qint32 *values) 
     const int present = (pdu.size - countIndex - 1) / 4;
     if (count > present)
         count = present;
-#if Q_BYTE_ORDER == Q_LITTLE_ENDIAN
-    if (!m_bigEndian) {
-#else
-    if (m_bigEndian) {
-#endif
+    if (hostOrder(m_bigEndian)) {
         std::memcpy(values, pdu.data + countIndex + 1, size_t(count) * 4);
         return count;
     }

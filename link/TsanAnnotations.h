@@ -35,4 +35,12 @@ inline void tsanIgnoreBegin() {}
 inline void tsanIgnoreEnd() {}
 #endif
 
+// Declared first in a thread's run(), so that it is destroyed last: whoever
+// waits for the thread and then calls tsanAcquire(address) sees all of it.
+struct TsanReleaseAtExit
+{
+    const void *address;
+    ~TsanReleaseAtExit() { tsanRelease(address); }
+};
+
 #endif

@@ -257,12 +257,7 @@ qint64 HRemoteBuffer::bytesWritten()
 
 void HRemoteBuffer::run()
 {
-    // Declared first, so it runs last: whoever waited for this thread sees
-    // everything it did.
-    struct EndOfThread {
-        const HRemoteBuffer *buffer;
-        ~EndOfThread() { tsanRelease(buffer); }
-    } endOfThread{ this };
+    const TsanReleaseAtExit endOfThread{ this };   // whoever waited for this thread sees all of it
     // The socket belongs to this thread: made, used and destroyed here.
     QTcpSocket socket;
     bool connected = false;
