@@ -38,8 +38,9 @@ long int fileInfo(const char *signature, long int type, long int channel, char *
 {
     AsynchronousClient *client = channelClientOf(channel, cncID);
     const long int out = client ? client->setTransFileType(type, channel, fileName, query) : kUnknownController;
-    qDebug().noquote() << signature << " channel=" << channel << " cncID=" << cncID << " fileName=" << text(fileName)
-                       << " type=" << type << " out=" << out;
+    if (CommLog::debugLinesOn())
+        qDebug().noquote() << signature << " channel=" << channel << " cncID=" << cncID
+                           << " fileName=" << text(fileName) << " type=" << type << " out=" << out;
     return out;
 }
 
@@ -48,8 +49,9 @@ long int textCall(const char *signature, char *txt, long int channel, int cncID,
 {
     AsynchronousClient *client = channelClientOf(channel, cncID);
     const long int out = client ? (client->*call)(txt) : kUnknownController;
-    qDebug().noquote() << signature << " channel=" << channel << " cncID=" << cncID << " txt=" << text(txt)
-                       << " out=" << out;
+    if (CommLog::debugLinesOn())
+        qDebug().noquote() << signature << " channel=" << channel << " cncID=" << cncID << " txt=" << text(txt)
+                           << " out=" << out;
     return out;
 }
 
@@ -73,8 +75,9 @@ long int cycStart(long int channel, char *fileName, int cncID)
     return guarded<long int>(1, [&]() -> long int {
         AsynchronousClient *client = mainClientOf(cncID);
         const long int out = client ? client->cycStart(channel, fileName) : kUnknownController;
-        qDebug().noquote() << "long int cycStart(long int, char*, int)" << " channel=" << channel << " cncID=" << cncID
-                           << " fileName=" << text(fileName) << " out=" << out;
+        if (CommLog::debugLinesOn())
+            qDebug().noquote() << "long int cycStart(long int, char*, int)" << " channel=" << channel
+                               << " cncID=" << cncID << " fileName=" << text(fileName) << " out=" << out;
         return out;
     });
 }
@@ -137,9 +140,10 @@ long int uploadFile(long int type, long int channel, char *fileName, char *txt, 
     return guarded<long int>(1, [&]() -> long int {
         AsynchronousClient *client = channelClientOf(channel, cncID);
         const long int out = client ? client->uploadFile(type, channel, fileName, txt) : kUnknownController;
-        qDebug().noquote() << "long int uploadFile(long int, long int, char*, char*, int)" << " channel=" << channel
-                           << " cncID=" << cncID << " fileName=" << text(fileName) << " type=" << type << " out=" << out
-                           << " txt=" << text(txt);
+        if (CommLog::debugLinesOn())
+            qDebug().noquote() << "long int uploadFile(long int, long int, char*, char*, int)" << " channel=" << channel
+                               << " cncID=" << cncID << " fileName=" << text(fileName) << " type=" << type
+                               << " out=" << out << " txt=" << text(txt);
         return out;
     });
 }

@@ -2,6 +2,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QLoggingCategory>
 #include <QMutex>
 #include <QMutexLocker>
 #include <QTextStream>
@@ -82,6 +83,12 @@ bool printableAscii(const char *text, size_t length)
 }
 
 } // namespace
+
+bool CommLog::debugLinesOn()
+{
+    const QLoggingCategory *category = QLoggingCategory::defaultCategory();
+    return category && category->isDebugEnabled();
+}
 
 QString CommLog::hostText(const char *text)
 {

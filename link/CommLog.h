@@ -33,6 +33,9 @@ public:
     // (category "default", its filter, the installed handler), at less
     // cost than building it through a QDebug stream.
     static void debugLine(const QString &line);
+    // Whether qDebug() lines are written at all (QT_LOGGING_RULES can turn
+    // them off): a line that carries a whole program text is built only then.
+    static bool debugLinesOn();
     // Appends one line (with "\r\n") under the log lock; failures are silent.
     static void write(const QString &message);
 
