@@ -5,20 +5,19 @@
 
 #include "CGuard.h"
 
+#include "CallLine.h"
 #include "CommLog.h"
 #include "ControllerRegistry.h"
 
-#include <QDebug>
-#include <QString>
 
 namespace {
 
 const long int kUnknownController = 1;
 
 // Host texts in log lines: control bytes escaped.
-QString text(const char *s)
+CallLine::Host host(const char *s)
 {
-    return CommLog::hostText(s);
+    return CallLine::Host{ s };
 }
 
 AsynchronousClient *mainClientOf(int cncID)
@@ -39,8 +38,8 @@ long int fileInfo(const char *signature, long int type, long int channel, char *
     AsynchronousClient *client = channelClientOf(channel, cncID);
     const long int out = client ? client->setTransFileType(type, channel, fileName, query) : kUnknownController;
     if (CommLog::debugLinesOn())
-        qDebug().noquote() << signature << " channel=" << channel << " cncID=" << cncID
-                           << " fileName=" << text(fileName) << " type=" << type << " out=" << out;
+        (CallLine(signature) << " channel=" << channel << " cncID=" << cncID << " fileName=" << host(fileName)
+                             << " type=" << type << " out=" << out).write();
     return out;
 }
 
@@ -50,8 +49,8 @@ long int textCall(const char *signature, char *txt, long int channel, int cncID,
     AsynchronousClient *client = channelClientOf(channel, cncID);
     const long int out = client ? (client->*call)(txt) : kUnknownController;
     if (CommLog::debugLinesOn())
-        qDebug().noquote() << signature << " channel=" << channel << " cncID=" << cncID << " txt=" << text(txt)
-                           << " out=" << out;
+        (CallLine(signature) << " channel=" << channel << " cncID=" << cncID << " txt=" << host(txt) << " out=" << out)
+            .write();
     return out;
 }
 
@@ -64,8 +63,8 @@ long int reset(long int channel, int cncID)
     return guarded<long int>(1, [&]() -> long int {
         AsynchronousClient *client = mainClientOf(cncID);
         const long int out = client ? client->reset(channel) : kUnknownController;
-        qDebug().noquote() << "long int reset(long int, int)" << " channel=" << channel << " cncID=" << cncID
-                           << " out=" << out;
+        (CallLine("long int reset(long int, int)") << " channel=" << channel << " cncID=" << cncID << " out=" << out)
+            .write();
         return out;
     });
 }
@@ -76,8 +75,9 @@ long int cycStart(long int channel, char *fileName, int cncID)
         AsynchronousClient *client = mainClientOf(cncID);
         const long int out = client ? client->cycStart(channel, fileName) : kUnknownController;
         if (CommLog::debugLinesOn())
-            qDebug().noquote() << "long int cycStart(long int, char*, int)" << " channel=" << channel
-                               << " cncID=" << cncID << " fileName=" << text(fileName) << " out=" << out;
+            (CallLine("long int cycStart(long int, char*, int)") << " channel=" << channel << " cncID=" << cncID
+                                                                 << " fileName=" << host(fileName) << " out=" << out)
+                .write();
         return out;
     });
 }
@@ -129,8 +129,8 @@ long int fileEnd(long int channel, int cncID)
     return guarded<long int>(1, [&]() -> long int {
         AsynchronousClient *client = channelClientOf(channel, cncID);
         const long int out = client ? client->fileEnd() : kUnknownController;
-        qDebug().noquote() << "long int fileEnd(long int, int)" << " channel=" << channel << " cncID=" << cncID
-                           << " out=" << out;
+        (CallLine("long int fileEnd(long int, int)") << " channel=" << channel << " cncID=" << cncID << " out=" << out)
+            .write();
         return out;
     });
 }
@@ -141,9 +141,10 @@ long int uploadFile(long int type, long int channel, char *fileName, char *txt, 
         AsynchronousClient *client = channelClientOf(channel, cncID);
         const long int out = client ? client->uploadFile(type, channel, fileName, txt) : kUnknownController;
         if (CommLog::debugLinesOn())
-            qDebug().noquote() << "long int uploadFile(long int, long int, char*, char*, int)" << " channel=" << channel
-                               << " cncID=" << cncID << " fileName=" << text(fileName) << " type=" << type
-                               << " out=" << out << " txt=" << text(txt);
+            (CallLine("long int uploadFile(long int, long int, char*, char*, int)")
+             << " channel=" << channel << " cncID=" << cncID << " fileName=" << host(fileName) << " type=" << type
+             << " out=" << out << " txt=" << host(txt))
+                .write();
         return out;
     });
 }

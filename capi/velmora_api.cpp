@@ -2,10 +2,9 @@
 #include "velmora.h"
 
 #include "CGuard.h"
-#include "CommLog.h"
+#include "CallLine.h"
 #include "ControllerRegistry.h"
 
-#include <QDebug>
 
 namespace {
 
@@ -25,11 +24,12 @@ bool addTargetCnc(int cncID, int maxDncCh, char *ip, int syncMask)
 {
     return guarded<bool>(false, [&]() -> bool {
         const QByteArray address = ip ? QByteArray(ip) : QByteArray();
-        qDebug().noquote() << kCallMarker << "bool addTargetCnc(int, int, char*, int)" << " cncID=" << cncID
-                           << " maxDncCh=" << maxDncCh << " ip=" << CommLog::hostText(address.constData());
+        (CallLine(kCallMarker) << "bool addTargetCnc(int, int, char*, int)" << " cncID=" << cncID
+                               << " maxDncCh=" << maxDncCh << " ip=" << CallLine::Host{ address.constData() })
+            .write();
         const bool added = ControllerRegistry::add(cncID, maxDncCh, address, syncMask);
-        qDebug().noquote() << kCallMarker << "bool addTargetCnc(int, int, char*, int)" << " cncID=" << cncID
-                           << " out=" << added;
+        (CallLine(kCallMarker) << "bool addTargetCnc(int, int, char*, int)" << " cncID=" << cncID << " out=" << added)
+            .write();
         return added;
     });
 }
@@ -37,9 +37,9 @@ bool addTargetCnc(int cncID, int maxDncCh, char *ip, int syncMask)
 bool removeTargetCnc(int cncID)
 {
     return guarded<bool>(false, [&]() -> bool {
-        qDebug().noquote() << kCallMarker << "bool removeTargetCnc(int)" << " cncID=" << cncID;
+        (CallLine(kCallMarker) << "bool removeTargetCnc(int)" << " cncID=" << cncID).write();
         const bool removed = ControllerRegistry::remove(cncID);
-        qDebug().noquote() << kCallMarker << "bool removeTargetCnc(int)" << " cncID=" << cncID << " out=" << removed;
+        (CallLine(kCallMarker) << "bool removeTargetCnc(int)" << " cncID=" << cncID << " out=" << removed).write();
         return removed;
     });
 }
@@ -47,7 +47,7 @@ bool removeTargetCnc(int cncID)
 bool connect(int cncID)
 {
     return guarded<bool>(false, [&]() -> bool {
-        qDebug().noquote() << kCallMarker << "bool connect(int)" << " cncID=" << cncID;
+        (CallLine(kCallMarker) << "bool connect(int)" << " cncID=" << cncID).write();
         ControllerEntry *entry = ControllerRegistry::find(cncID);
         const bool connected = entry && entry->mainClient()->tcpConnect(entry->address());
         if (connected) {
@@ -55,7 +55,7 @@ bool connect(int cncID)
             for (int i = 1; i <= entry->channelCount(); ++i)
                 entry->channelClient(i)->tcpConnect(entry->address());
         }
-        qDebug().noquote() << kCallMarker << "bool connect(int)" << " cncID=" << cncID << " out=" << connected;
+        (CallLine(kCallMarker) << "bool connect(int)" << " cncID=" << cncID << " out=" << connected).write();
         return connected;
     });
 }
@@ -63,14 +63,14 @@ bool connect(int cncID)
 bool disconnect(int cncID)
 {
     return guarded<bool>(false, [&]() -> bool {
-        qDebug().noquote() << kCallMarker << "bool disconnect(int)" << " cncID=" << cncID;
+        (CallLine(kCallMarker) << "bool disconnect(int)" << " cncID=" << cncID).write();
         ControllerEntry *entry = ControllerRegistry::find(cncID);
         if (entry) {
             entry->mainClient()->tcpDisconnect();
             for (int i = 1; i <= entry->channelCount(); ++i)
                 entry->channelClient(i)->tcpDisconnect();
         }
-        qDebug().noquote() << kCallMarker << "bool disconnect(int)" << " cncID=" << cncID << " out=" << (entry != nullptr);
+        (CallLine(kCallMarker) << "bool disconnect(int)" << " cncID=" << cncID << " out=" << (entry != nullptr)).write();
         return entry != nullptr;
     });
 }

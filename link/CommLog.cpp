@@ -92,28 +92,35 @@ bool CommLog::debugLinesOn()
 
 QString CommLog::hostText(const char *text)
 {
+    QString out;
+    appendHostText(out, text);
+    return out;
+}
+
+void CommLog::appendHostText(QString &line, const char *text)
+{
     // Program text in log lines is mostly plain: taken as it is, in one
     // conversion, not character by character.
     const size_t length = text ? std::strlen(text) : 0;
-    if (printableAscii(text, length))
-        return QString::fromLatin1(text, int(length));
+    if (printableAscii(text, length)) {
+        line += QLatin1String(text, int(length));
+        return;
+    }
     const QString in = QString::fromUtf8(text, int(length));
-    QString out;
-    out.reserve(in.size());
+    line.reserve(line.size() + in.size());
     for (const QChar c : in) {
         const ushort u = c.unicode();
         if (u == '\r')
-            out += QLatin1String("\\r");
+            line += QLatin1String("\\r");
         else if (u == '\n')
-            out += QLatin1String("\\n");
+            line += QLatin1String("\\n");
         else if (u == '\t')
-            out += QLatin1String("\\t");
+            line += QLatin1String("\\t");
         else if (u < 0x20 || u == 0x7f || (u >= 0x80 && u < 0xa0) || u == 0x2028 || u == 0x2029)
-            out += QStringLiteral("\\x%1").arg(u, 2, 16, QLatin1Char('0'));
+            line += QStringLiteral("\\x%1").arg(u, 2, 16, QLatin1Char('0'));
         else
-            out += c;
+            line += c;
     }
-    return out;
 }
 
 QString CommLog::formatLine(const QDateTime &time, const QString &message)

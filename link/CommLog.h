@@ -29,6 +29,9 @@ public:
     // written as \r, \n, \t or \xNN, so no text can end a line or forge
     // the next one. Null gives an empty text.
     static QString hostText(const char *text);
+    // The same, appended to a line being built: a whole program text is
+    // converted once, straight into the line.
+    static void appendHostText(QString &line, const char *text);
     // A fixed line into the debug message stream, as qDebug() writes it
     // (category "default", its filter, the installed handler), at less
     // cost than building it through a QDebug stream.

@@ -1,6 +1,7 @@
 // The hourly communication log: file names and line format through the
 // clock seam, the client's mask switching it, lines from many threads.
 #include "AsynchronousClient.h"
+#include "CallLine.h"
 #include "CommLog.h"
 #include "TestSupport.h"
 
@@ -10,6 +11,7 @@
 #include <QtTest>
 
 #include <atomic>
+#include <functional>
 #include <thread>
 
 namespace {
@@ -70,6 +72,40 @@ private slots:
         QFETCH(QByteArray, text);
         QFETCH(QString, logged);
         QCOMPARE(CommLog::hostText(text.isNull() ? nullptr : text.constData()), logged);
+    }
+
+    // The C interface's call lines are built without a QDebug stream, but
+    // must come out as qDebug().noquote() << ... writes them.
+    void callLineWritesWhatQDebugWrites_data()
+    {
+        QTest::addColumn<QString>("built");
+        QTest::addColumn<QString>("streamed");
+        static QStringList out;
+        const QtMessageHandler previous = qInstallMessageHandler(
+            [](QtMsgType, const QMessageLogContext &, const QString &message) { out.append(message); });
+        const char sig[] = "long int uploadFile(long int, long int, char*, char*, int)";
+        const char txt[] = "N1 G01 X-1.5\r\nN2 M30 ";
+        const auto row = [&](const char *name, const CallLine &line, const std::function<void()> &stream) {
+            out.clear();
+            line.write();
+            stream();
+            QTest::newRow(name) << out.value(0) << out.value(1);
+        };
+        row("numbers, negative and long", CallLine(sig) << " channel=" << -1 << " out=" << 2147483647L,
+            [&] { qDebug().noquote() << sig << " channel=" << -1 << " out=" << 2147483647L; });
+        row("bools", CallLine("@@@@####1111") << "bool connect(int)" << " out=" << true << false,
+            [&] { qDebug().noquote() << "@@@@####1111" << "bool connect(int)" << " out=" << true << false; });
+        row("host text with a trailing space, then an empty one",
+            CallLine(sig) << " txt=" << CallLine::Host{ txt } << CallLine::Host{ nullptr } << " out=" << 0,
+            [&] { qDebug().noquote() << sig << " txt=" << CommLog::hostText(txt) << "" << " out=" << 0; });
+        qInstallMessageHandler(previous);
+    }
+    void callLineWritesWhatQDebugWrites()
+    {
+        QFETCH(QString, built);
+        QFETCH(QString, streamed);
+        QVERIFY(!built.isEmpty());
+        QCOMPARE(built, streamed);
     }
 
     // "logs/CommLog_yyyy-MM-dd-hh.txt", lines "yyyy-MM-dd hh:mm:ss ddd: text"

@@ -1,0 +1,39 @@
+#ifndef CALLLINE_H
+#define CALLLINE_H
+
+#include <QString>
+
+// One line of the debug message stream, written as
+// qDebug().noquote() << a << b << ... writes it: the parts joined by single
+// spaces, numbers in decimal, bools as "true" or "false". It is built
+// straight into one string: a QDebug stream converts character by character,
+// which for a line carrying a whole program text cost more than the transfer
+// it reports.
+class CallLine
+{
+public:
+    // A text from the host, escaped as CommLog::hostText does.
+    struct Host
+    {
+        const char *text;
+    };
+
+    explicit CallLine(const char *first);
+
+    CallLine &operator<<(const char *part);
+    CallLine &operator<<(Host part);
+    CallLine &operator<<(int value);
+    CallLine &operator<<(long value);
+    CallLine &operator<<(bool value);
+
+    const QString &text() const { return m_line; }
+    // Into the debug message stream, as qDebug() would (CommLog::debugLine).
+    void write() const;
+
+private:
+    void space();
+
+    QString m_line;
+};
+
+#endif
