@@ -28,8 +28,10 @@ void ValueTable::store(const qint32 *addresses, const qint32 *values, int count)
     const size_t at = m_entries.size();
     m_entries.resize(at + size_t(count));
     Entry *out = m_entries.data() + at;
-    for (int i = 0; i < count; ++i)
-        out[i] = { addresses[i], values[i] };
+    for (int i = 0; i < count; ++i) {
+        out[i].address = addresses[i];
+        out[i].value = values[i];
+    }
 }
 
 bool ValueTable::update(qint32 address, qint32 value)

@@ -20,6 +20,10 @@ class ValueTable
 {
 public:
     struct Entry {
+        // Left unset: a read makes room for its values and then writes
+        // each one, so zeroing them first would be work done twice.
+        Entry() {}
+        Entry(qint32 a, qint32 v) : address(a), value(v) {}
         qint32 address;
         qint32 value;
     };
