@@ -9,7 +9,6 @@
 #include "CommLog.h"
 #include "ControllerRegistry.h"
 
-
 namespace {
 
 const long int kUnknownController = 1;

@@ -5,10 +5,11 @@
 
 // One line of the debug message stream, written as
 // qDebug().noquote() << a << b << ... writes it: the parts joined by single
-// spaces, numbers in decimal, bools as "true" or "false". It is built
-// straight into one string: a QDebug stream converts character by character,
-// which for a line carrying a whole program text cost more than the transfer
-// it reports.
+// spaces, numbers in decimal, bools as "true" or "false". Parts given as
+// char* are the library's own ASCII texts; a host's text goes in as Host,
+// escaped. It is built straight into one string: a QDebug stream converts
+// character by character, which for a line carrying a whole program text
+// cost more than Qt's own output of it.
 class CallLine
 {
 public:
