@@ -407,25 +407,22 @@ void upload()
         std::string text = pattern(row.size);
         std::string copy = text;
         char name[] = "BENCH";
-        const Comparison c = compare(
-            std::max(2, scaled(row.calls)),
-            timed([&] { return velmora_uploadFile(2, 1, name, &copy[0], kMain) == 0; }),
-            timed([&] { return rawUpload(raw, text); }));
+        const Sample upload = timed([&] { return velmora_uploadFile(2, 1, name, &copy[0], kMain) == 0; });
+        const int calls = std::max(2, scaled(row.calls));
+        const Comparison c = compare(calls, upload, timed([&] { return rawUpload(raw, text); }));
         rateLine(row.name, c, row.size, 0.9);
         if (g_options.noMessages || !c.ok)
             continue;
         // As for CheckTcpWdt: the floor also hands the call's line, with
         // the whole text, to Qt's message output, so that the share left
         // is the library's own.
-        const Comparison lined = compare(std::max(2, scaled(row.calls)),
-                                         timed([&] { return velmora_uploadFile(2, 1, name, &copy[0], kMain) == 0; }),
-                                         timed([&] {
-                                             const bool ok = rawUpload(raw, text);
-                                             const QString line = QStringLiteral("uploadFile txt= ")
-                                                 + QString::fromLatin1(text.data(), int(text.size()));
-                                             qt_message_output(QtDebugMsg, QMessageLogContext(), line);
-                                             return ok;
-                                         }));
+        const Comparison lined = compare(calls, upload, timed([&] {
+            const bool ok = rawUpload(raw, text);
+            const QString line
+                = QStringLiteral("uploadFile txt= ") + QString::fromLatin1(text.data(), int(text.size()));
+            qt_message_output(QtDebugMsg, QMessageLogContext(), line);
+            return ok;
+        }));
         if (lined.ok)
             std::printf("  %-34s %8.2f MB/s %8.2f MB/s   share %5.2f (%.2f-%.2f)\n", "  against raw + the line via Qt",
                         row.size / lined.library * 1e3, row.size / lined.raw * 1e3, 1.0 / lined.ratio,

@@ -6,7 +6,6 @@
 #include "CGuard.h"
 
 #include "CallLine.h"
-#include "CommLog.h"
 #include "ControllerRegistry.h"
 
 namespace {
@@ -36,9 +35,8 @@ long int fileInfo(const char *signature, long int type, long int channel, char *
 {
     AsynchronousClient *client = channelClientOf(channel, cncID);
     const long int out = client ? client->setTransFileType(type, channel, fileName, query) : kUnknownController;
-    if (CommLog::debugLinesOn())
-        (CallLine(signature) << " channel=" << channel << " cncID=" << cncID << " fileName=" << host(fileName)
-                             << " type=" << type << " out=" << out).write();
+    (CallLine(signature) << " channel=" << channel << " cncID=" << cncID << " fileName=" << host(fileName)
+                         << " type=" << type << " out=" << out).write();
     return out;
 }
 
@@ -47,9 +45,8 @@ long int textCall(const char *signature, char *txt, long int channel, int cncID,
 {
     AsynchronousClient *client = channelClientOf(channel, cncID);
     const long int out = client ? (client->*call)(txt) : kUnknownController;
-    if (CommLog::debugLinesOn())
-        (CallLine(signature) << " channel=" << channel << " cncID=" << cncID << " txt=" << host(txt) << " out=" << out)
-            .write();
+    (CallLine(signature) << " channel=" << channel << " cncID=" << cncID << " txt=" << host(txt) << " out=" << out)
+        .write();
     return out;
 }
 
@@ -73,10 +70,9 @@ long int cycStart(long int channel, char *fileName, int cncID)
     return guarded<long int>(1, [&]() -> long int {
         AsynchronousClient *client = mainClientOf(cncID);
         const long int out = client ? client->cycStart(channel, fileName) : kUnknownController;
-        if (CommLog::debugLinesOn())
-            (CallLine("long int cycStart(long int, char*, int)") << " channel=" << channel << " cncID=" << cncID
-                                                                 << " fileName=" << host(fileName) << " out=" << out)
-                .write();
+        (CallLine("long int cycStart(long int, char*, int)") << " channel=" << channel << " cncID=" << cncID
+                                                             << " fileName=" << host(fileName) << " out=" << out)
+            .write();
         return out;
     });
 }
@@ -139,11 +135,10 @@ long int uploadFile(long int type, long int channel, char *fileName, char *txt, 
     return guarded<long int>(1, [&]() -> long int {
         AsynchronousClient *client = channelClientOf(channel, cncID);
         const long int out = client ? client->uploadFile(type, channel, fileName, txt) : kUnknownController;
-        if (CommLog::debugLinesOn())
-            (CallLine("long int uploadFile(long int, long int, char*, char*, int)")
-             << " channel=" << channel << " cncID=" << cncID << " fileName=" << host(fileName) << " type=" << type
-             << " out=" << out << " txt=" << host(txt))
-                .write();
+        (CallLine("long int uploadFile(long int, long int, char*, char*, int)")
+         << " channel=" << channel << " cncID=" << cncID << " fileName=" << host(fileName) << " type=" << type
+         << " out=" << out << " txt=" << host(txt))
+            .write();
         return out;
     });
 }

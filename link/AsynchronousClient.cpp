@@ -17,7 +17,6 @@
 #include <cstdint>
 #include <cstring>
 
-
 namespace {
 
 const char kReadVarsSig[] = "long int AsynchronousClient::readVars(long int*, int, long int*)";
@@ -444,8 +443,7 @@ QByteArray AsynchronousClient::scheduleStep()
         const QByteArray frame = m_queue.takeFirst();
         if (!frame.isEmpty()) {
             m_schedulerKind = 1;
-            m_sentAddresses.clear();
-            m_sentResults = nullptr;
+            forgetSentFrame();
             return frame;
         }
     }
@@ -613,6 +611,13 @@ void AsynchronousClient::wakeLoop()
         m_workCond.notify_all();
 }
 
+void AsynchronousClient::forgetSentFrame()
+{
+    m_sentAddresses.clear();
+    m_sentResults = nullptr;
+    m_sentIsPoll = false;
+}
+
 bool AsynchronousClient::exchangeNext()
 {
     {
@@ -620,9 +625,7 @@ bool AsynchronousClient::exchangeNext()
         m_outgoing.clear();
         while (!m_queue.isEmpty() && m_outgoing.isEmpty())
             m_outgoing = m_queue.takeFirst();
-        m_sentAddresses.clear();
-        m_sentResults = nullptr;
-        m_sentIsPoll = false;
+        forgetSentFrame();
     }
     const bool replied = !m_outgoing.isEmpty() && exchange(m_outgoing.constData(), m_outgoing.size());
     m_outgoing.clear();
@@ -687,11 +690,8 @@ long int AsynchronousClient::queueAndExchange(int length, bool *replied)
         {
             std::unique_lock<std::mutex> lock(m_dataMutex);
             next = m_queue.isEmpty() && m_queueLimit.load() >= 0;
-            if (next) {
-                m_sentAddresses.clear();
-                m_sentResults = nullptr;
-                m_sentIsPoll = false;
-            }
+            if (next)
+                forgetSentFrame();
         }
         if (next) {
             *replied = exchange(reinterpret_cast<const char *>(sendBuffer()), length);
@@ -1012,17 +1012,23 @@ int AsynchronousClient::bitInWord(long int bit)
     return int(bit % 32);
 }
 
-long int AsynchronousClient::bitsCheck(const char *signature, long int channel, int type,
-                                       long int *bits, int count, long int *values, bool needValues)
+bool AsynchronousClient::takeBitWords(const char *signature, long int channel, int type, long int *bits, int count,
+                                      long int *values, bool needValues)
 {
     bool ok = bits && count >= 1 && (values || !needValues) && type >= 0 && type <= 6
         && channel >= 1 && channel <= kMaxChannel;
-    // A negative or huge bit index would leave the channel's block.
-    for (int i = 0; ok && i < count; ++i)
-        ok = bits[i] >= 0 && bits[i] / 32 <= kMaxAddressOffset
-            && validAddress(long(bitWordAddress(channel, type, bits[i])));
     if (ok)
-        return StatusOk;
+        m_request.resize(size_t(count));
+    for (int i = 0; ok && i < count; ++i) {
+        // A negative or huge bit index would leave the channel's block.
+        ok = bits[i] >= 0 && bits[i] / 32 <= kMaxAddressOffset;
+        if (ok) {
+            m_request[size_t(i)] = bitWordAddress(channel, type, bits[i]);
+            ok = validAddress(long(m_request[size_t(i)]));
+        }
+    }
+    if (ok)
+        return true;
     if (debugErrors()) {
         QDebug line = qDebug();
         line << signature << " ParError address=" << static_cast<void *>(bits) << " count=" << count;
@@ -1030,7 +1036,7 @@ long int AsynchronousClient::bitsCheck(const char *signature, long int channel, 
             line << " value=" << static_cast<void *>(values);
         line << " channel=" << channel << " type=" << type;
     }
-    return StatusParError;
+    return false;
 }
 
 long int AsynchronousClient::readBits(long int channel, BitType type, long int *bits, int count,
@@ -1039,11 +1045,8 @@ long int AsynchronousClient::readBits(long int channel, BitType type, long int *
     std::unique_lock<ClientLock> lock(m_mutex);
     if (linkDown(kReadBitsSig))
         return StatusDisconnected;
-    if (bitsCheck(kReadBitsSig, channel, type, bits, count, values, true) != StatusOk)
+    if (!takeBitWords(kReadBitsSig, channel, type, bits, count, values, true))
         return StatusParError;
-    m_request.resize(size_t(count));
-    for (int i = 0; i < count; ++i)
-        m_request[size_t(i)] = bitWordAddress(channel, type, bits[i]);
     long int status = StatusOk;
     if (isDirectMode()) {
         const int length = buildReadVars(m_request.data(), count);
@@ -1076,11 +1079,8 @@ long int AsynchronousClient::changeBits(const char *signature, long int channel,
             qDebug() << signature << " CommModeError";
         return StatusModeError;
     }
-    if (bitsCheck(signature, channel, type, bits, count, nullptr, false) != StatusOk)
+    if (!takeBitWords(signature, channel, type, bits, count, nullptr, false))
         return StatusParError;
-    m_request.resize(size_t(count));
-    for (int i = 0; i < count; ++i)
-        m_request[size_t(i)] = bitWordAddress(channel, type, bits[i]);
     {
         std::unique_lock<std::mutex> data(m_dataMutex);
         if (!add)

@@ -314,6 +314,8 @@ private:
     // Next frame of the thread loop (under m_dataMutex); empty when idle.
     QByteArray scheduleStep();
     QByteArray pollSlice();
+    // The frame about to go out answers no read (under m_dataMutex).
+    void forgetSentFrame();
     // Parses the reply of `size` bytes in the receive buffer (none: 0).
     int handleReply(int size);
     bool threadModeActive() const;
@@ -334,8 +336,11 @@ private:
                           bool singleFrame);
     long int writeVarsImpl(const char *signature, long int *addresses, int count, long int *values,
                            bool singleFrame);
-    long int bitsCheck(const char *signature, long int channel, int type, long int *bits, int count,
-                       long int *values, bool needValues);
+    // Checks the arguments of a bit call and takes the words holding the
+    // bits into m_request, as takeAddresses does for variables. Bad ones:
+    // logs the ParError line and returns false.
+    bool takeBitWords(const char *signature, long int channel, int type, long int *bits, int count,
+                      long int *values, bool needValues);
     // registerBits (add) and removeBits: the words holding the bits.
     long int changeBits(const char *signature, long int channel, int type, long int *bits, int count, bool add);
 

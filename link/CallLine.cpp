@@ -3,26 +3,30 @@
 #include "CommLog.h"
 
 CallLine::CallLine(const char *first)
-    : m_line(QLatin1String(first))
+    : m_on(CommLog::debugLinesOn())
 {
+    if (m_on)
+        m_line = QLatin1String(first);
 }
 
-void CallLine::space()
+bool CallLine::nextPart()
 {
-    m_line += QLatin1Char(' ');
+    if (m_on)
+        m_line += QLatin1Char(' ');
+    return m_on;
 }
 
 CallLine &CallLine::operator<<(const char *part)
 {
-    space();
-    m_line += QLatin1String(part);
+    if (nextPart())
+        m_line += QLatin1String(part);
     return *this;
 }
 
 CallLine &CallLine::operator<<(Host part)
 {
-    space();
-    CommLog::appendHostText(m_line, part.text);
+    if (nextPart())
+        CommLog::appendHostText(m_line, part.text);
     return *this;
 }
 
@@ -33,8 +37,8 @@ CallLine &CallLine::operator<<(int value)
 
 CallLine &CallLine::operator<<(long value)
 {
-    space();
-    m_line += QString::number(value);
+    if (nextPart())
+        m_line += QString::number(value);
     return *this;
 }
 
@@ -45,5 +49,6 @@ CallLine &CallLine::operator<<(bool value)
 
 void CallLine::write() const
 {
-    CommLog::debugLine(m_line);
+    if (m_on)
+        CommLog::debugLine(m_line);
 }

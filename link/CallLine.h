@@ -9,7 +9,9 @@
 // char* are the library's own ASCII texts; a host's text goes in as Host,
 // escaped. It is built straight into one string: a QDebug stream converts
 // character by character, which for a line carrying a whole program text
-// cost more than Qt's own output of it.
+// cost more than Qt's own output of it. When debug lines are filtered out
+// (QT_LOGGING_RULES), nothing is built: a line may carry a whole program
+// text.
 class CallLine
 {
 public:
@@ -32,8 +34,10 @@ public:
     void write() const;
 
 private:
-    void space();
+    // The space before the next part; false when nothing is built.
+    bool nextPart();
 
+    bool m_on;   // debug lines are written at all
     QString m_line;
 };
 

@@ -200,11 +200,11 @@ int HRemoteBuffer::write(const char *text)
         for (int at = 0; at < length; at += kPieceSize) {
             // Each piece as the terminated text it would be on its own: a
             // shorter piece builds as it is; of a full one, a run of exactly
-            // 480 bytes by the text rule builds nothing (its entry stays
-            // empty and the thread skips it).
+            // 480 bytes by the text rule builds nothing (the builder refuses
+            // that length; the entry stays empty and the thread skips it).
             const int piece = std::min(int(kPieceSize), length - at);
             const int run = piece < kEmptyTextLen ? piece : textRunLength(text + at, piece);
-            m_queue.append(hostFrame(run == kEmptyTextLen ? 0 : m_hostBuilder.buildAppendTxt(text + at, run)));
+            m_queue.append(hostFrame(m_hostBuilder.buildAppendTxt(text + at, run)));
         }
         // Every MDI write is one complete program.
         if (m_mode == MdiMode)
