@@ -5,7 +5,6 @@
 #include "CallLine.h"
 #include "ControllerRegistry.h"
 
-
 namespace {
 
 const char kCallMarker[] = "@@@@####1111";

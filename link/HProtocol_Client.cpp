@@ -68,14 +68,14 @@ enum : quint8 {
 };
 
 const int kCrcLength = 2;
+const int kTcpHeaderLength = 7;
+const int kSendNextWaitMs = 50;
 
 // Words in this byte order are the host's own: copied as they are.
 constexpr bool hostOrder(bool bigEndian)
 {
     return bigEndian == (Q_BYTE_ORDER == Q_BIG_ENDIAN);
 }
-const int kTcpHeaderLength = 7;
-const int kSendNextWaitMs = 50;
 
 // Sequential writer over the send buffer. It never writes past the buffer,
 // minus room for a CRC trailer; running out of room marks the frame bad.

@@ -13,7 +13,9 @@ pid_t c_sim_start(const char *simPath, const char *address, const char *const *f
     char *argv[16] = { (char *)simPath, (char *)"--address", (char *)address, (char *)"--quiet" };
     int n = 4;
     pid_t pid = -1;
-    for (; faults && *faults && n < 14; ++faults) {
+    for (; faults && *faults; ++faults) {
+        if (n + 2 >= 16)
+            return -1; /* more faults than argv holds: refused, not dropped */
         argv[n++] = (char *)"--fault";
         argv[n++] = (char *)*faults;
     }

@@ -8,7 +8,8 @@
 #ifdef __cplusplus
 extern "C" {
 #endif
-/* faults: velmora-sim --fault texts ("B=silence"), null-terminated; or null. */
+/* faults: velmora-sim --fault texts ("B=silence"), null-terminated, at most
+ * five (more: -1, nothing started); or null. */
 pid_t c_sim_start(const char *simPath, const char *address, const char *const *faults);
 void c_sim_stop(pid_t pid);
 void c_sleep_ms(int ms);
